@@ -1,0 +1,26 @@
+#include "service/root_object.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t kRootCounts = OBJECT_COUNTS(1, 0, 0, 1);
+
+}  // namespace
+
+int32_t root_invoke(void* /*context*/, uint32_t op, ObjectArg* args, uint32_t counts) {
+  const uint32_t o = op & OBJECT_OP_MASK;
+  // The root object lives as long as the process: references are not counted.
+  if (o == OBJECT_OP_RETAIN || o == OBJECT_OP_RELEASE) return OBJECT_OK;
+  if (o != OBJECT_OP_METHOD || counts != kRootCounts || args[0].b.size != sizeof(uint32_t)) {
+    return OBJECT_ERROR_INVALID;
+  }
+
+  uint32_t id;
+  memcpy(&id, args[0].b.ptr, sizeof id);
+  args[1].o = kNullObject;
+  switch (id) {
+    default:
+      return OBJECT_ERROR_INVALID;
+  }
+}
