@@ -1,0 +1,110 @@
+// The growable array of the location framework. The location library's own
+// classes embed it and its factories take it by reference, so its field
+// order and its storage discipline (non-throwing array new, array delete)
+// are shared with that library; the host build of the library compiles
+// against this same header.
+//
+// It never throws and never aborts: every failure is logged under the tag
+// "vector" and reported by a return value, and the caller carries on.
+#ifndef TESK_SCAN_VECTOR_H_
+#define TESK_SCAN_VECTOR_H_
+
+#include <cstdint>
+#include <new>
+
+#include "ky_loc_fw/log.h"
+
+namespace ky_loc_fw {
+
+template <typename T>
+class vector {
+ public:
+  static constexpr uint32_t kFirstCapacity = 64;
+
+  vector() = default;
+  // Copies are made by assignment only.
+  vector(const vector&) = delete;
+
+  virtual ~vector() {
+    if (data != nullptr) {
+      delete[] data;
+      data = nullptr;
+    }
+    capacity = 0;
+    count = 0;
+  }
+
+  // 0 on success, -1 when the first block could not be allocated, -2 when a
+  // larger one could not.
+  int push_back(const T& value) {
+    if (data == nullptr) {
+      // capacity is set before the attempt and not reset on failure; the
+      // next call tests data, not capacity, and simply tries again.
+      capacity = kFirstCapacity;
+      data = new (std::nothrow) T[kFirstCapacity];
+      if (data == nullptr) {
+        log_error("vector", "insertion failed %d", -1);
+        return -1;
+      }
+    } else if (count == capacity) {
+      const uint32_t new_capacity = 2 * capacity;
+      T* block = new (std::nothrow) T[new_capacity];
+      if (block == nullptr) {
+        log_error("vector", "insertion failed %d", -2);
+        return -2;
+      }
+      for (uint32_t i = 0; i < capacity; ++i) block[i] = data[i];
+      capacity = new_capacity;
+      delete[] data;
+      data = block;
+    }
+    data[count] = value;
+    ++count;
+    return 0;
+  }
+
+  // Deep copy that keeps the source's spare room (its capacity, not count).
+  vector& operator=(const vector& other) {
+    if (&other == this) return *this;
+    if (data != nullptr) delete[] data;
+    data = nullptr;
+    capacity = 0;
+    count = 0;
+    if (other.capacity == 0) return *this;
+
+    T* block = new (std::nothrow) T[other.capacity];
+    if (block == nullptr) {
+      log_error("vector", "assignment failed %d", 2);  // always 2, whatever failed
+      return *this;
+    }
+    for (uint32_t i = 0; i < other.count; ++i) block[i] = other.data[i];
+    capacity = other.capacity;
+    count = other.count;
+    data = block;
+    return *this;
+  }
+
+  // Bounds-checked: an index at or beyond count logs and yields element 0,
+  // deliberately, so that a reader carries on instead of stopping.
+  const T& operator[](uint32_t index) const { return data[Checked(index)]; }
+  T& operator[](uint32_t index) { return data[Checked(index)]; }
+
+  uint32_t getCount() const { return count; }
+  uint32_t getCapacity() const { return capacity; }
+  const T* getData() const { return data; }
+
+ private:
+  uint32_t Checked(uint32_t index) const {
+    if (index < count) return index;
+    log_error("vector", "index out of range\n");
+    return 0;
+  }
+
+  T* data = nullptr;
+  uint32_t capacity = 0;
+  uint32_t count = 0;
+};
+
+}  // namespace ky_loc_fw
+
+#endif  // TESK_SCAN_VECTOR_H_
