@@ -2,6 +2,6 @@
 add_library(tesk_warnings INTERFACE)
 target_compile_options(tesk_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Werror
-  -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2
-  -Wcast-align -Wmissing-declarations -Wundef)
+  -Wshadow -Wformat=2 -Wcast-align -Wmissing-declarations -Wundef
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
 add_library(tesk::warnings ALIAS tesk_warnings)

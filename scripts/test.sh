@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Runs the whole test suite: the normal build (g++), the AddressSanitizer +
+# UndefinedBehaviorSanitizer build (clang, which also builds and briefly runs
+# every fuzzer), and the concurrency tests under ThreadSanitizer (clang).
+# Usage: scripts/test.sh [dev|asan|fuzz|tsan]...   (default: all of them)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+stages=("$@")
+[ ${#stages[@]} -eq 0 ] && stages=(dev asan fuzz tsan)
+fuzz_seconds=${TESK_FUZZ_SECONDS:-20}
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+
+build() {
+  cmake --preset "$1" >/dev/null
+  cmake --build --preset "$1"
+}
+
+run_fuzzers() {
+  local found=0
+  for fuzzer in build/asan/bin/*_fuzzer; do
+    [ -x "$fuzzer" ] || continue
+    found=1
+    local name corpus
+    name=$(basename "$fuzzer")
+    corpus=$(mktemp -d)
+    # Seeds committed beside the target are copied: runs never write into the tree.
+    [ -d "fuzz/${name%_fuzzer}/corpus" ] && cp -r "fuzz/${name%_fuzzer}/corpus"/. "$corpus"/
+    echo "== $name: ${fuzz_seconds}s"
+    "$fuzzer" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
+    rm -rf "$corpus"
+  done
+  [ $found -eq 1 ] || { echo "no fuzzers were built" >&2; exit 1; }
+}
+
+for stage in "${stages[@]}"; do
+  echo "==== $stage"
+  case "$stage" in
+    dev)  build dev && ctest --preset dev ;;
+    asan) build asan && ctest --preset asan ;;
+    fuzz) [ -d build/asan ] || build asan; run_fuzzers ;;
+    tsan) build tsan && ctest --preset tsan ;;
+    *) echo "unknown stage $stage" >&2; exit 64 ;;
+  esac
+done
+echo "==== all stages passed: ${stages[*]}"
