@@ -1,0 +1,152 @@
+// Host only: lets tests watch and steer the simulated location service that
+// stands behind VELAClient on the host.
+//
+// The control is process-wide. Requests are recorded from every client;
+// deliveries go to the most recently created client still alive (the one a
+// daemon under test created). Functions that wait block without a time limit
+// and must not be called on the delivery thread (from inside
+// responseReceived), except where a comment says otherwise.
+#ifndef KY_LOC_FW_VELA_TEST_CONTROL_H_
+#define KY_LOC_FW_VELA_TEST_CONTROL_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ky_loc_fw/vela_client.h"
+
+namespace ky_loc_fw {
+namespace vela_test {
+
+// The platform vendor's OUI, as the built-in neighbourhood uses it in its
+// vendor-specific elements.
+extern const uint8_t kVendorOui[3];
+
+// A copy of every value of one request, taken inside sendRequest.
+struct SentRequest {
+  unsigned int requestId = 0;
+  int requestType = 0;  // VELARequest::eRequestType
+
+  // Discovery scans.
+  VELADiscoveryScanRequest::eRequestKind kind = VELADiscoveryScanRequest::KIND_FRESH_SCAN;
+  bool hasChannels = false;
+  std::vector<unsigned int> channels;  // the values the VELAChannelInfo entries were made from
+  VELADiscoveryScanRequest::eBand band = VELADiscoveryScanRequest::BAND_ALL;
+  VELADiscoveryScanRequest::eScanType scanType = VELADiscoveryScanRequest::SCAN_TYPE_ACTIVE;
+  unsigned int ageFilter = 0;
+  unsigned int fallbackParam = 0;
+  long timeout = 0;
+  VELADiscoveryScanRequest::eRequestMode requestMode =
+      VELADiscoveryScanRequest::REQUEST_MODE_NORMAL;
+  bool cacheFlag = false;
+  bool scanFlag = false;
+  std::vector<VELASsid> ssidFilter;
+  std::vector<VELAMacAddress> bssidFilter;
+
+  // Ranging scans: nodes for one-shot requests, periodicNodes for periodic
+  // ones.
+  std::vector<VELANodeInfo> nodes;
+  std::vector<VELAPeriodicNodeInfo> periodicNodes;
+  long timestamp = 0;
+};
+
+// What sendRequest does with one request; a SendHook may change it.
+struct SendAction {
+  // Returned by sendRequest; nonzero refuses the request, and then no
+  // automatic answer follows.
+  int result = 0;
+  // Answer as the scenario says (after its latency, with its faults).
+  bool automaticAnswer = true;
+  // Delivered in this order on the delivery thread before sendRequest
+  // returns: sendRequest waits until the listener has been called with the
+  // last of them (it does not wait for that call to end). Null entries
+  // deliver a null response. The client takes ownership. Don't use this while
+  // another delivery may be blocked on a lock that sendRequest's caller holds.
+  std::vector<VELAResponse*> beforeReturn;
+};
+
+// Called inside sendRequest, on the caller's thread, after the request has
+// been recorded and before anything is answered.
+using SendHook = std::function<void(const SentRequest& request, SendAction* action)>;
+
+// Forgets recorded requests, removes the hook, stops holding and drops held
+// answers. Scenario text set by SetScenarioText stays.
+void Reset();
+
+void SetSendHook(SendHook hook);
+
+// Requests recorded since the last Reset, in the order they were sent.
+std::vector<SentRequest> SentRequests();
+// Blocks until request number index (from 0) has been recorded; returns it.
+SentRequest WaitForRequest(size_t index);
+
+// While held, automatic answers (and the extra responses of scenario faults)
+// are kept instead of being delivered; they are kept by the time sendRequest
+// returns. Delivering released answers ignores the scenario's latency.
+void HoldAnswers(bool hold);
+size_t HeldAnswerCount();
+// Queues the held answers for delivery, in the order they were made; returns
+// how many.
+size_t ReleaseHeldAnswers();
+// Deletes the held answers; returns how many.
+size_t DropHeldAnswers();
+
+// Queues response (null: a null response) for delivery on the current
+// client's delivery thread, after what is already due; takes ownership. 0, or
+// -1 when no client is alive (the response is then deleted).
+int Deliver(VELAResponse* response);
+// Like Deliver, then waits until the listener's responseReceived has
+// returned.
+int DeliverAndWait(VELAResponse* response);
+// Waits until the current client has nothing queued or scheduled (answers
+// waiting for their latency included; held answers excluded) and no delivery
+// is running. Returns at once when no client is alive.
+void WaitIdle();
+
+int LiveClientCount();
+
+// Scenario text for the clients created from now on, in place of
+// VELA_SCENARIO and the built-in neighbourhood; null restores those.
+void SetScenarioText(const char* text);
+// The built-in neighbourhood, as scenario text.
+std::string DefaultScenarioText();
+
+// Builders for responses and measurements with chosen values. All return new
+// objects owned by the caller (or by the response they are put into).
+
+// A response whose type query yields type and that carries nothing else.
+VELAResponse* MakeResponseOfType(unsigned int id, int type);
+// A plain measurement whose type query yields type.
+VELAScanMeasurement* MakeMeasurementOfType(int type);
+VELAInfoElement* MakeElement(uint8_t id, const std::vector<uint8_t>& data);  // at most 255 bytes
+VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24);
+// "aa:bb:cc:dd:ee:ff"; false when malformed.
+bool ParseMac(const std::string& text, VELAMacAddress* mac);
+VELASsid MakeSsid(const std::string& bytes);  // valid; at most 32 bytes
+// The SSID's bytes; empty when it is not valid.
+std::string SsidBytes(const VELASsid& ssid);
+
+// Puts a distinct value, derived from seed, in every value field of m (the
+// unread ones included), two details, 12 raw bytes and both elements; a full
+// beacon also gets beaconTsf and four information elements (SSID, DS
+// parameter set, one vendor element of 30 data bytes with kVendorOui, one
+// other vendor element); a ranging measurement gets two addresses.
+void FillDistinct(VELAScanMeasurement* m, uint32_t seed);
+// Responses holding count measurements filled by FillDistinct with seeds
+// seed, seed + 1, ...: full beacons for discovery, ranging measurements for
+// ranging.
+VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed);
+VELARangingScanResponse* MakeRangingResponse(unsigned int id, size_t count, uint32_t seed);
+
+// Sets an SSID's stored state as it stands, bypassing setSSID's checks: a
+// valid SSID with a length above 32 makes getSSID fail.
+struct SsidAccess {
+  static void Set(VELASsid* ssid, const unsigned char* bytes, int length, bool valid);
+};
+
+}  // namespace vela_test
+}  // namespace ky_loc_fw
+
+#endif  // KY_LOC_FW_VELA_TEST_CONTROL_H_
