@@ -1,0 +1,208 @@
+#include "scan/discovery_scan.h"
+
+#include <cstddef>
+#include <cstring>
+
+#include "dispatch/vela_dispatcher.h"
+#include "ky_loc_fw/log.h"
+#include "ky_loc_fw/vela_request.h"
+#include "ky_loc_fw/vela_response.h"
+#include "scan/marshal.h"
+#include "scan/response_data.h"
+#include "scan/scan_records.h"
+#include "scan/scan_request_records.h"
+#include "scan/vector.h"
+
+using ky_loc_fw::VELAChannelInfo;
+using ky_loc_fw::VELADiscoveryScanRequest;
+using ky_loc_fw::VELADiscoveryScanResponse;
+using ky_loc_fw::VELAMacAddress;
+using ky_loc_fw::VELAResponse;
+using ky_loc_fw::VELAScanMeasurement;
+using ky_loc_fw::VELASsid;
+
+namespace {
+
+constexpr const char* kTag = "tesk";
+constexpr int kDiscoveryResponseType = VELAResponse::RESPONSE_TYPE_DISCOVERY_SCAN;
+constexpr int kFullBeaconType = VELAScanMeasurement::MEASUREMENT_TYPE_FULL_BEACON;
+
+// Buffers arrive as the peer sent them, without any alignment promise.
+template <typename T>
+T ReadRecord(const ObjectBuf& buf, size_t index) {
+  T record;
+  memcpy(&record, static_cast<const unsigned char*>(buf.ptr) + index * sizeof(T), sizeof(T));
+  return record;
+}
+
+template <typename T>
+ObjectBuf Flat(const ky_loc_fw::vector<T>& array) {
+  const uint32_t count = array.getCount();
+  return ObjectBuf{count != 0 ? const_cast<T*>(array.getData()) : nullptr,
+                   static_cast<uint64_t>(count) * sizeof(T)};
+}
+
+void Deliver(Object callback, DiscoveryResponseHeader* header, const CommonResponseData* data) {
+  ObjectArg args[4];
+  args[0].b = ObjectBuf{header, sizeof *header};
+  if (data != nullptr) {
+    args[1].b = Flat(data->measurements);
+    args[2].b = Flat(data->infos);
+    args[3].b = Flat(data->bytes);
+  } else {
+    args[1].b = args[2].b = args[3].b = ObjectBuf{nullptr, 0};
+  }
+  callback.invoke(callback.context, OBJECT_OP_METHOD, args, kDiscoveryDeliveryCounts);
+}
+
+// The discovery response function: marshals the full beacons and makes one
+// delivery to the client's callback, which the dispatcher holds for us.
+void ResponseReceived(VELAResponse* response, Object callback) {
+  if (response == nullptr || response->getResponseType() != kDiscoveryResponseType) {
+    ky_loc_fw::log_warning(kTag, "DiscoveryScan: Bad response received\n");
+    DiscoveryResponseHeader header{0, 0, kScanStatusBadResponse};
+    Deliver(callback, &header, nullptr);
+    return;
+  }
+  auto* discovery = static_cast<VELADiscoveryScanResponse*>(response);
+  const uint32_t count = discovery->measurements.getCount();
+  ky_loc_fw::log_debug(kTag, "DiscoveryScan: ResponseReceived Id = %d\n",
+                       static_cast<int>(response->getRequestId()));
+  ky_loc_fw::log_debug(kTag, "DiscoveryScan: scanStatus %d, %zu measurements\n",
+                       discovery->scanStatus, static_cast<size_t>(count));
+
+  CommonResponseData data;
+  VELAScanMeasurement* const* measurements = discovery->measurements.getData();
+  for (uint32_t i = 0; i < count; ++i) {
+    const VELAScanMeasurement* m = measurements[i];
+    // The library allows null entries; there is nothing to ask them.
+    if (m == nullptr) continue;
+    const int type = m->getMeasurementType();
+    if (type == kFullBeaconType) {
+      MarshalFullBeacon(data, static_cast<const ky_loc_fw::VELAFullBeaconScanMeasurement*>(m));
+    } else {
+      ky_loc_fw::log_warning(kTag, "DiscoveryScan: Unexpected measurement type %d\n", type);
+    }
+  }
+
+  DiscoveryResponseHeader header;
+  header.response_value = discovery->scanTimestamp;
+  header.response_word = discovery->scanSource;
+  header.scanStatus = discovery->scanStatus;
+  Deliver(callback, &header, &data);
+}
+
+VELADiscoveryScanRequest* BuildRequest(uint32_t id, const DiscoveryScanParams& params,
+                                       ky_loc_fw::vector<VELAChannelInfo>& channels) {
+  const auto scan_type = static_cast<VELADiscoveryScanRequest::eScanType>(params.scan_type != 0);
+  const bool channel_form = channels.getCount() != 0;
+  auto band = VELADiscoveryScanRequest::BAND_ALL;
+  if (!channel_form) {
+    if (params.band == 0) {
+      band = VELADiscoveryScanRequest::BAND_2_4_GHZ;
+    } else if (params.band == 1) {
+      band = VELADiscoveryScanRequest::BAND_5_GHZ;
+    }
+  }
+  const long timeout = params.timeout;
+  const bool cache_flag = params.cache_flag != 0;
+  const bool scan_flag = params.scan_flag != 0;
+  const int mode = static_cast<int>(params.mode);
+
+  switch (params.mode) {
+    case kDiscoveryModeFresh:
+    case kDiscoveryModeFresh1: {
+      const auto request_mode = static_cast<VELADiscoveryScanRequest::eRequestMode>(params.mode);
+      if (channel_form) {
+        ky_loc_fw::log_debug(kTag, "DiscoveryScan: createFreshScanRequest (channel) mode %d\n",
+                             mode);
+        return VELADiscoveryScanRequest::createFreshScanRequest(
+            id, channels, scan_type, params.age_filter, timeout, request_mode, scan_flag);
+      }
+      // The 64-bit timeout goes to a %d as it always has: its low 32 bits show.
+      ky_loc_fw::log_debug(kTag,
+                           "DiscoveryScan: createFreshScanRequest (band %d) mode %d scan_type %d "
+                           "age_filter %d timeout %d\n",
+                           static_cast<int>(band), mode, static_cast<int>(scan_type),
+                           static_cast<int>(params.age_filter), static_cast<int>(timeout));
+      return VELADiscoveryScanRequest::createFreshScanRequest(
+          id, band, scan_type, params.age_filter, timeout, request_mode, scan_flag);
+    }
+    case kDiscoveryModeCacheFallback:
+      if (channel_form) {
+        return VELADiscoveryScanRequest::createCacheFallbackRequest(
+            id, channels, scan_type, params.age_filter, params.fallback_param, timeout, cache_flag,
+            scan_flag);
+      }
+      return VELADiscoveryScanRequest::createCacheFallbackRequest(
+          id, band, scan_type, params.age_filter, params.fallback_param, timeout, cache_flag,
+          scan_flag);
+    case kDiscoveryModeCacheOnly:
+      if (channel_form) {
+        return VELADiscoveryScanRequest::createCacheOnlyRequest(id, channels, params.age_filter,
+                                                                timeout, cache_flag);
+      }
+      return VELADiscoveryScanRequest::createCacheOnlyRequest(id, band, params.age_filter, timeout,
+                                                              cache_flag);
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+Object CreateVelaDiscoveryScan() {
+  return Object{discovery_scan_invoke, nullptr};
+}
+
+int32_t discovery_scan_invoke(void* /*context*/, uint32_t op, ObjectArg* args, uint32_t counts) {
+  // Retain and release get 2 like any other unknown op, unlike the root
+  // object's 0; the asymmetry is intended and kept.
+  if ((op & OBJECT_OP_MASK) != OBJECT_OP_METHOD) return OBJECT_ERROR_INVALID;
+  if (counts != kDiscoveryScanCounts) return OBJECT_ERROR_INVALID;
+
+  // The parameter buffer's size is deliberately not examined: the record is
+  // read in place and a client must always send all of it.
+  DiscoveryScanParams params;
+  memcpy(&params, args[0].b.ptr, sizeof params);
+
+  ky_loc_fw::vector<VELAChannelInfo> channels;
+  ky_loc_fw::vector<VELASsid> ssids;
+  ky_loc_fw::vector<VELAMacAddress> bssids;
+
+  // Trailing partial records are ignored; failed appends are logged by the
+  // array and the element is simply missing.
+  for (uint64_t i = 0; i < args[1].b.size / sizeof(uint32_t); ++i) {
+    const VELAChannelInfo channel(ReadRecord<uint32_t>(args[1].b, i));
+    channels.push_back(channel);
+  }
+  for (uint64_t i = 0; i < args[2].b.size / sizeof(WifiSsid); ++i) {
+    const WifiSsid record = ReadRecord<WifiSsid>(args[2].b, i);
+    VELASsid ssid;
+    const int length = record.length < 32 ? record.length : 32;
+    ssid.setSSID(record.ssid, length);
+    ssids.push_back(ssid);
+  }
+  for (uint64_t i = 0; i < args[3].b.size / sizeof(WifiMacAddress); ++i) {
+    const WifiMacAddress record = ReadRecord<WifiMacAddress>(args[3].b, i);
+    VELAMacAddress bssid;
+    bssid.setMac(static_cast<int>(record.hi24), static_cast<int>(record.lo24));
+    bssids.push_back(bssid);
+  }
+
+  // The id is drawn before the mode is checked: a refused request uses one up.
+  VelaDispatcher& dispatcher = VelaDispatcher::Get();
+  const uint32_t id = ++dispatcher.next_request_id;
+
+  int32_t result = OBJECT_ERROR_NOT_STARTED;
+  VELADiscoveryScanRequest* request = BuildRequest(id, params, channels);
+  if (request != nullptr) {
+    if (ssids.getCount() != 0) request->ssidFilter = ssids;
+    if (bssids.getCount() != 0) request->bssidFilter = bssids;
+    const int sent = dispatcher.SendRequest(request, ResponseReceived, args[4].o, &args[5].o);
+    result = sent == 0 ? OBJECT_OK : OBJECT_ERROR_NOT_STARTED;
+    delete request;
+  }
+  ky_loc_fw::log_debug(kTag, "DiscoveryScan: StartScan returning %d\n", result);
+  return result;
+}
