@@ -1,0 +1,125 @@
+// Builds arbitrary measurements (details, raw bytes, elements A and B, beacon
+// elements with null entries and own-OUI vendor elements, MAC lists, SSID
+// states the library's checks would not let through) and marshals them into
+// one response; every record must then point inside the pools.
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "ky_loc_fw/log_capture.h"
+#include "ky_loc_fw/vela_measurement.h"
+#include "ky_loc_fw/vela_test_control.h"
+#include "scan/marshal.h"
+
+namespace {
+
+using ky_loc_fw::VELAInfoElement;
+using ky_loc_fw::VELAScanMeasurement;
+
+constexpr uint8_t kOwnOui[3] = {TESK_VENDOR_OUI_BYTES};
+
+void Check(bool ok) {
+  if (!ok) __builtin_trap();
+}
+
+VELAInfoElement* MakeElement(FuzzedDataProvider& in) {
+  if (in.ConsumeBool()) return nullptr;
+  const uint8_t id = in.ConsumeBool() ? 221 : in.ConsumeIntegral<uint8_t>();
+  std::vector<uint8_t> data = in.ConsumeBytes<uint8_t>(in.ConsumeIntegral<uint8_t>());
+  if (data.size() >= 3 && in.ConsumeBool()) {
+    for (int i = 0; i < 3; ++i) data[i] = kOwnOui[i];
+  }
+  return new VELAInfoElement(id, data.data(), static_cast<uint8_t>(data.size()));
+}
+
+void Fill(FuzzedDataProvider& in, VELAScanMeasurement* m) {
+  m->bssid.setMac(in.ConsumeIntegral<int>(), in.ConsumeIntegral<int>());
+  uint8_t ssid[40] = {};
+  in.ConsumeData(ssid, in.ConsumeIntegralInRange<size_t>(0, sizeof ssid));
+  ky_loc_fw::vela_test::SsidAccess::Set(&m->ssid, ssid,
+                                        in.ConsumeIntegralInRange<int>(-1, 40), in.ConsumeBool());
+  m->value32_2 = in.ConsumeIntegral<uint32_t>();
+  m->value8_8 = in.ConsumeIntegral<uint8_t>();
+  m->value64 = in.ConsumeIntegral<uint64_t>();
+  m->value16_3 = in.ConsumeIntegral<uint16_t>();
+
+  const int details = in.ConsumeIntegralInRange(0, 40);
+  for (int i = 0; i < details; ++i) {
+    auto* detail = new ky_loc_fw::VELAMeasurementDetail();
+    detail->infoValue16_2 = in.ConsumeIntegral<uint32_t>();
+    detail->infoBlock[in.ConsumeIntegralInRange(0, 15)] = in.ConsumeIntegral<uint8_t>();
+    m->details.push_back(detail);
+  }
+  for (signed char c : in.ConsumeBytes<signed char>(in.ConsumeIntegralInRange(0, 300))) {
+    m->rawBytes.push_back(c);
+  }
+  m->elementA = MakeElement(in);
+  m->elementB = MakeElement(in);
+}
+
+void CheckRecords(const RangingData& out) {
+  const uint32_t pool = out.bytes.getCount();
+  for (uint32_t i = 0; i < out.measurements.getCount(); ++i) {
+    const WifiScanMeasurement& rec = out.measurements.getData()[i];
+    Check(rec.firstInfoIndex + uint32_t{rec.infoCount} <= out.infos.getCount());
+    Check(uint64_t{rec.bytesOffset} + rec.bytesLength <= pool);
+    Check(uint64_t{rec.elementAOffset} + rec.elementALength <= pool);
+    Check(uint64_t{rec.elementBOffset} + rec.elementBLength <= pool);
+    Check(uint64_t{rec.beaconIesOffset} + rec.beaconIesLength <= pool);
+    Check(uint64_t{rec.firstMacIndex} + rec.macCount <= out.macs.getCount());
+    Check(rec.ssidLength <= 32 && (rec.ssidPresent == 0 || rec.ssidValid == 1));
+    Check(rec.reserved0 == 0 && rec.reserved1 == 0 && rec.reserved2 == 0);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const bool quiet = [] {
+    ky_loc_fw::log_set_sink([](void*, char, const char*, const char*) {}, nullptr, true);
+    return true;
+  }();
+  (void)quiet;
+
+  FuzzedDataProvider in(data, size);
+  RangingData out;
+  while (in.remaining_bytes() > 0 && out.measurements.getCount() < 64) {
+    switch (in.ConsumeIntegralInRange(0, 3)) {
+      case 0: {
+        VELAScanMeasurement m;
+        Fill(in, &m);
+        MarshalCommon(out, &m);
+        break;
+      }
+      case 1: {
+        ky_loc_fw::VELAFullBeaconScanMeasurement m;
+        Fill(in, &m);
+        m.beaconTsf = in.ConsumeIntegral<uint64_t>();
+        const int elements = in.ConsumeIntegralInRange(0, 20);
+        for (int i = 0; i < elements; ++i) m.informationElements.push_back(MakeElement(in));
+        MarshalFullBeacon(out, &m);
+        break;
+      }
+      case 2: {
+        ky_loc_fw::VELARangingScanMeasurement m;
+        Fill(in, &m);
+        const int macs = in.ConsumeIntegralInRange(0, 20);
+        for (int i = 0; i < macs; ++i) {
+          ky_loc_fw::VELAMacAddress mac;
+          mac.setMac(in.ConsumeIntegral<int>(), in.ConsumeIntegral<int>());
+          m.macList.push_back(mac);
+        }
+        MarshalRanging(out, &m);
+        break;
+      }
+      default:
+        MarshalFullBeacon(out, nullptr);
+        MarshalRanging(out, nullptr);
+        break;
+    }
+  }
+  CheckRecords(out);
+  return 0;
+}
