@@ -2,6 +2,9 @@
 
 #include <cstring>
 
+#include "scan/discovery_scan.h"
+#include "scan/ranging_scan.h"
+
 namespace {
 
 constexpr uint32_t kRootCounts = OBJECT_COUNTS(1, 0, 0, 1);
@@ -20,6 +23,12 @@ int32_t root_invoke(void* /*context*/, uint32_t op, ObjectArg* args, uint32_t co
   memcpy(&id, args[0].b.ptr, sizeof id);
   args[1].o = kNullObject;
   switch (id) {
+    case kInterfaceDiscoveryScan:
+      args[1].o = CreateVelaDiscoveryScan();
+      return OBJECT_OK;
+    case kInterfaceRangingScan:
+      args[1].o = CreateVelaRangingScan();
+      return OBJECT_OK;
     default:
       return OBJECT_ERROR_INVALID;
   }
