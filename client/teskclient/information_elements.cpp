@@ -216,8 +216,8 @@ IeSummary SummariseIes(const uint8_t* data, size_t size) {
     summary.security = rsn;
   } else if (!wpa.empty()) {
     summary.security = wpa;
-  } else {
-    summary.security = "open";
+  } else if (size != 0 && data != nullptr) {
+    summary.security = "none";
   }
   return summary;
 }

@@ -75,14 +75,14 @@ TEST(IeSummaryTest, ReadsWhatAListingShows) {
     std::string security;
     std::vector<std::string> ouis;
   } cases[] = {
-      {"open network", Concat({Ie(0, {'c', 'a', 'f', 'e'}), Ie(3, {11})}), "cafe", 11, "open", {}},
+      {"open network", Concat({Ie(0, {'c', 'a', 'f', 'e'}), Ie(3, {11})}), "cafe", 11, "none", {}},
       {"RSN PSK and SAE",
        Concat({Ie(0, {}), Ie(48, kRsnPskCcmp), Ie(3, {36})}),
        "",
        36,
        "RSN:PSK,SAE/CCMP",
        {}},
-      {"HT operation when there is no DS element", Ie(61, {149, 0}), "", 149, "open", {}},
+      {"HT operation when there is no DS element", Ie(61, {149, 0}), "", 149, "none", {}},
       {"WPA vendor element",
        Ie(221, {0x00, 0x50, 0xF2, 1,    1, 0, 0x00, 0x50, 0xF2, 2,    1,
                 0,    0x00, 0x50, 0xF2, 2, 1, 0,    0x00, 0x50, 0xF2, 2}),
@@ -101,7 +101,7 @@ TEST(IeSummaryTest, ReadsWhatAListingShows) {
                Ie(221, {0x06, 0x7E, 0x5C, 1}), Ie(221, {0x01, 0x02})}),
        "",
        -1,
-       "open",
+       "none",
        {"06:7e:5c", "00:10:18"}},
       {"unknown suite types by number",
        Ie(48, {1, 0, 0x00, 0x0F, 0xAC, 99, 0, 0, 1, 0, 1, 2, 3, 4}),
@@ -110,6 +110,7 @@ TEST(IeSummaryTest, ReadsWhatAListingShows) {
        "RSN:01:02:03-4/00:0f:ac-99",
        {}},
   };
+  EXPECT_EQ(teskclient::SummariseIes(nullptr, 0).security, "");
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const teskclient::IeSummary summary = teskclient::SummariseIes(c.bytes.data(), c.bytes.size());

@@ -118,7 +118,12 @@ void IeFields(JsonWriter* json, const PoolSlice& ies) {
   } else {
     json->Null();
   }
-  json->StringField("security", summary.security);
+  json->Key("security");
+  if (summary.security.empty()) {
+    json->Null();
+  } else {
+    json->String(summary.security);
+  }
   json->Key("vendorOuis");
   json->BeginArray();
   for (const teskclient::Oui& oui : summary.vendor_ouis) json->String(teskclient::FormatOui(oui));

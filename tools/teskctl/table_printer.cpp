@@ -44,8 +44,8 @@ void PrintRecord(FILE* out, const teskclient::ScanRecords& results, const WifiSc
   const std::string channel = ies.channel >= 0 ? std::to_string(ies.channel) : "-";
   fprintf(out, "%-17s  %-32s  %4s  %-24s  %s\n",
           teskclient::FormatMacAddress(teskclient::FromWire(r.bssidLo24, r.bssidHi24)).c_str(),
-          ShowSsid(teskclient::SsidOf(r)).c_str(), channel.c_str(), ies.security.c_str(),
-          ouis.empty() ? "-" : ouis.c_str());
+          ShowSsid(teskclient::SsidOf(r)).c_str(), channel.c_str(),
+          ies.security.empty() ? "-" : ies.security.c_str(), ouis.empty() ? "-" : ouis.c_str());
 
   fprintf(out, "    v64=%" PRIu64 " v32=%u,%u,%u,%u,%u,%u,%u,%u,%u,%u v16=%u,%u,%u,%u", r.value64,
           r.value32_1, r.value32_2, r.value32_3, r.value32_4, r.value32_5, r.value32_6, r.value32_7,
@@ -64,7 +64,7 @@ void PrintRecord(FILE* out, const teskclient::ScanRecords& results, const WifiSc
   }
   fprintf(out, "%s\n", pools.c_str());
   for (size_t i = 0; i < parts.mac_count; ++i) {
-    fprintf(out, "    peer %s\n",
+    fprintf(out, "    address %s\n",
             teskclient::FormatMacAddress(teskclient::FromWire(parts.macs[i])).c_str());
   }
 }
