@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "cutils/sockets.h"
+#include "deauth/deauth_monitor.h"
 #include "ky_loc_fw/log.h"
 #include "service/root_object.h"
 
@@ -24,6 +25,9 @@ using JoinFn = void (*)(void* handle);
 
 int main() {
   ky_loc_fw::log_set_local_level_for_tag(kTag, 1);
+
+  // Scans are offered whether or not disconnect events can be detected.
+  DeauthMonitor::Get().Initialize();
 
   void* library = dlopen("libtarnsocket.so", RTLD_NOW);
   if (library == nullptr) {

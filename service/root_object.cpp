@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "deauth/deauth_monitor_object.h"
 #include "scan/discovery_scan.h"
 #include "scan/ranging_scan.h"
 
@@ -28,6 +29,9 @@ int32_t root_invoke(void* /*context*/, uint32_t op, ObjectArg* args, uint32_t co
       return OBJECT_OK;
     case kInterfaceRangingScan:
       args[1].o = CreateVelaRangingScan();
+      return OBJECT_OK;
+    case kInterfaceDeauthMonitor:
+      args[1].o = CreateDeauthMonitor();
       return OBJECT_OK;
     default:
       return OBJECT_ERROR_INVALID;

@@ -1,0 +1,69 @@
+#include "deauth/deauth_monitor.h"
+
+#include "deauth/deauth_event.h"
+
+namespace {
+
+constexpr uint32_t kDeliveryCounts = OBJECT_COUNTS(1, 0, 0, 0);
+
+}  // namespace
+
+DeauthMonitor::DeauthMonitor() {
+  listeners.max_load_factor(1.0f);
+}
+
+DeauthMonitor& DeauthMonitor::Get() {
+  static DeauthMonitor monitor;
+  return monitor;
+}
+
+void DeauthMonitor::Listen(Object callback, Object* token_out) {
+  std::lock_guard<std::mutex> lock(mutex);
+  MonitorToken* token = new MonitorToken();
+  // The key is new, so this always inserts; an existing entry would be kept.
+  listeners.emplace(token, callback);
+  ObjectRetain(callback);  // owned by the map's entry
+  *token_out = Object{MonitorTokenInvoke, token};
+}
+
+void DeauthMonitor::Release(MonitorToken* token) {
+  Object callback;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto entry = listeners.find(token);
+    if (entry == listeners.end()) return;
+    callback = entry->second;
+    listeners.erase(entry);
+  }
+  ObjectRelease(callback);
+}
+
+void DeauthMonitor::OnDeauth(int wiphy, int ifindex, int reason, bool by_ap) {
+  // The whole round runs under the lock, without a snapshot: a slow callback
+  // holds up the others and any registration meanwhile; kept as it is.
+  std::lock_guard<std::mutex> lock(mutex);
+  for (const auto& entry : listeners) {
+    DeauthEvent event{wiphy, ifindex, reason, by_ap ? 1u : 0u};
+    ObjectArg arg;
+    arg.b = ObjectBuf{&event, sizeof event};
+    const Object& callback = entry.second;
+    callback.invoke(callback.context, OBJECT_OP_METHOD, &arg, kDeliveryCounts);
+  }
+}
+
+int32_t MonitorTokenInvoke(void* context, uint32_t op, ObjectArg* /*args*/, uint32_t /*counts*/) {
+  auto* token = static_cast<DeauthMonitor::MonitorToken*>(context);
+  switch (op & OBJECT_OP_MASK) {
+    case OBJECT_OP_RETAIN:
+      token->ref_count.fetch_add(1);
+      return OBJECT_OK;
+    case OBJECT_OP_RELEASE:
+      if (token->ref_count.fetch_sub(1) == 1) {
+        DeauthMonitor::Get().Release(token);
+        delete token;
+      }
+      return OBJECT_OK;
+    default:
+      return OBJECT_ERROR_INVALID;  // the token has no method of its own
+  }
+}
