@@ -140,8 +140,7 @@ void MarshalCommon(CommonResponseData& out, const VELAScanMeasurement* m) {
   out.measurements.push_back(rec);
 }
 
-void MarshalFullBeacon(CommonResponseData& out,
-                       const ky_loc_fw::VELAFullBeaconScanMeasurement* m) {
+void MarshalFullBeacon(CommonResponseData& out, const ky_loc_fw::VELAFullBeaconScanMeasurement* m) {
   if (m == nullptr) return;
 
   const uint32_t start = out.measurements.getCount();

@@ -37,18 +37,18 @@ struct WifiScanMeasurement {
   uint32_t value32_10;
   uint16_t value16_1;
   uint16_t value16_2;
-  uint16_t firstInfoIndex;   // into the WifiMeasurementInfo pool
+  uint16_t firstInfoIndex;  // into the WifiMeasurementInfo pool
   uint16_t infoCount;
-  uint32_t bytesOffset;      // into the byte pool
+  uint32_t bytesOffset;  // into the byte pool
   uint32_t bytesLength;
-  uint32_t elementAOffset;   // 0 with a length of 0 when absent
-  uint32_t elementALength;   // identifier and length bytes included
+  uint32_t elementAOffset;  // 0 with a length of 0 when absent
+  uint32_t elementALength;  // identifier and length bytes included
   uint32_t elementBOffset;
   uint32_t elementBLength;
   uint32_t beaconIesOffset;  // full beacons only
   uint32_t beaconIesLength;
   uint32_t reserved0;
-  uint32_t firstMacIndex;    // ranging only: into the WifiMacAddress pool
+  uint32_t firstMacIndex;  // ranging only: into the WifiMacAddress pool
   uint32_t macCount;
   uint16_t reserved1;
   uint16_t value16_3;
@@ -56,7 +56,7 @@ struct WifiScanMeasurement {
   uint8_t ssidValid;
   uint8_t ssidPresent;
   uint16_t ssidLength;
-  uint8_t ssid[32];          // unterminated; zero after ssidLength
+  uint8_t ssid[32];  // unterminated; zero after ssidLength
   uint8_t value8_1;
   uint8_t value8_2;
   uint8_t value8_3;

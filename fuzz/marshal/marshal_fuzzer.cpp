@@ -38,8 +38,8 @@ void Fill(FuzzedDataProvider& in, VELAScanMeasurement* m) {
   m->bssid.setMac(in.ConsumeIntegral<int>(), in.ConsumeIntegral<int>());
   uint8_t ssid[40] = {};
   in.ConsumeData(ssid, in.ConsumeIntegralInRange<size_t>(0, sizeof ssid));
-  ky_loc_fw::vela_test::SsidAccess::Set(&m->ssid, ssid,
-                                        in.ConsumeIntegralInRange<int>(-1, 40), in.ConsumeBool());
+  ky_loc_fw::vela_test::SsidAccess::Set(&m->ssid, ssid, in.ConsumeIntegralInRange<int>(-1, 40),
+                                        in.ConsumeBool());
   m->value32_2 = in.ConsumeIntegral<uint32_t>();
   m->value8_8 = in.ConsumeIntegral<uint8_t>();
   m->value64 = in.ConsumeIntegral<uint64_t>();

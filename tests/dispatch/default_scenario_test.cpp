@@ -82,9 +82,9 @@ std::map<std::string, Ap> ParseAps(const std::string& text) {
       const std::string value = eq == std::string::npos ? "" : word.substr(eq + 1);
       if (name == "bssid") {
         unsigned int o[6];
-        EXPECT_EQ(sscanf(value.c_str(), "%x:%x:%x:%x:%x:%x", &o[0], &o[1], &o[2], &o[3], &o[4],
-                         &o[5]),
-                  6);
+        EXPECT_EQ(
+            sscanf(value.c_str(), "%x:%x:%x:%x:%x:%x", &o[0], &o[1], &o[2], &o[3], &o[4], &o[5]),
+            6);
         key = std::to_string((o[0] << 16) | (o[1] << 8) | o[2]) + ":" +
               std::to_string((o[3] << 16) | (o[4] << 8) | o[5]);
       } else if (name == "ssid") {
@@ -140,15 +140,15 @@ class DefaultScenarioTest : public ::testing::Test {
   // On the service's delivery thread.
   void OnResponse(unsigned int registered_id, ky_loc_fw::VELAResponse* response, Object remote) {
     std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back({registered_id, response->getRequestId(), remote.context,
-                      std::this_thread::get_id()});
+    calls_.push_back(
+        {registered_id, response->getRequestId(), remote.context, std::this_thread::get_id()});
     if (response->getResponseType() != ky_loc_fw::VELAResponse::RESPONSE_TYPE_DISCOVERY_SCAN) {
       return;
     }
     auto* discovery = static_cast<ky_loc_fw::VELADiscoveryScanResponse*>(response);
     for (uint32_t i = 0; i < discovery->measurements.getCount(); ++i) {
-      auto* m = static_cast<const ky_loc_fw::VELAFullBeaconScanMeasurement*>(
-          discovery->measurements[i]);
+      auto* m =
+          static_cast<const ky_loc_fw::VELAFullBeaconScanMeasurement*>(discovery->measurements[i]);
       if (m != nullptr && m->getMeasurementType() == 1) MarshalFullBeacon(records_, m);
     }
   }

@@ -117,7 +117,9 @@ inline std::string Line(const std::string& format, unsigned int id) {
   return format.substr(0, at) + std::to_string(static_cast<int>(id)) + format.substr(at + 2);
 }
 
-inline unsigned int NextId() { return ++VelaDispatcher::Get().next_request_id; }
+inline unsigned int NextId() {
+  return ++VelaDispatcher::Get().next_request_id;
+}
 
 // A request as a scan object would build it; the caller deletes it after
 // SendRequest, whatever the result.

@@ -104,8 +104,8 @@ class MarshalTest : public ::testing::Test {
     fail_size = 0;
   }
   static void Sink(void* context, char letter, const char* tag, const char* text) {
-    static_cast<MarshalTest*>(context)->lines_.push_back(std::string(1, letter) + " " + tag +
-                                                         ": " + text);
+    static_cast<MarshalTest*>(context)->lines_.push_back(std::string(1, letter) + " " + tag + ": " +
+                                                         text);
   }
   std::vector<std::string> lines_;
 };
@@ -120,11 +120,10 @@ struct FieldCase {
   void (*set)(VELAScanMeasurement*, uint64_t);
 };
 
-#define FIELD(field, offset, width, value)                                          \
-  FieldCase {                                                                       \
-    #field, offset, width, value, [](VELAScanMeasurement* m, uint64_t v) {          \
-      m->field = static_cast<decltype(m->field)>(v);                                \
-    }                                                                               \
+#define FIELD(field, offset, width, value)                                                         \
+  FieldCase {                                                                                      \
+#field, offset, width, value,                                                                  \
+        [](VELAScanMeasurement * m, uint64_t v) { m->field = static_cast<decltype(m->field)>(v); } \
   }
 
 TEST_F(MarshalTest, EachLibraryFieldLandsAtItsOffsetAndNowhereElse) {
@@ -242,12 +241,9 @@ TEST_F(MarshalTest, SsidStates) {
   };
   const std::string full(32, 'x');
   const SsidCase cases[] = {
-      {"invalid", "", 0, false, 0, 0, 0},
-      {"invalid with bytes", "abc", 3, false, 0, 0, 0},
-      {"hidden network", "", 0, true, 1, 1, 0},
-      {"plain", "home", 4, true, 1, 1, 4},
-      {"32 bytes", full, 32, true, 1, 1, 32},
-      {"getSSID fails", full, 33, true, 1, 0, 0},
+      {"invalid", "", 0, false, 0, 0, 0},       {"invalid with bytes", "abc", 3, false, 0, 0, 0},
+      {"hidden network", "", 0, true, 1, 1, 0}, {"plain", "home", 4, true, 1, 1, 4},
+      {"32 bytes", full, 32, true, 1, 1, 32},   {"getSSID fails", full, 33, true, 1, 0, 0},
   };
   for (const SsidCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -352,8 +348,8 @@ TEST_F(MarshalTest, VendorElementExtension) {
     bool extended;
   };
   const IeCase cases[] = {
-      {"own, 25", 221, kOwnOui, 25, true},    {"own, 254", 221, kOwnOui, 254, true},
-      {"own, 24", 221, kOwnOui, 24, false},   {"own, 255", 221, kOwnOui, 255, false},
+      {"own, 25", 221, kOwnOui, 25, true},      {"own, 254", 221, kOwnOui, 254, true},
+      {"own, 24", 221, kOwnOui, 24, false},     {"own, 255", 221, kOwnOui, 255, false},
       {"other OUI", 221, other_oui, 30, false}, {"not vendor", 220, kOwnOui, 30, false},
   };
   for (const IeCase& c : cases) {
@@ -367,10 +363,9 @@ TEST_F(MarshalTest, VendorElementExtension) {
     MarshalFullBeacon(out, &m);
     const WifiScanMeasurement& rec = out.measurements[0];
     EXPECT_EQ(rec.beaconIesOffset, 0u);
-    const Bytes expected =
-        c.extended
-            ? Concat({{c.id, static_cast<uint8_t>(c.length + 1)}, data, {0x88}})
-            : Concat({{c.id, static_cast<uint8_t>(c.length)}, data});
+    const Bytes expected = c.extended
+                               ? Concat({{c.id, static_cast<uint8_t>(c.length + 1)}, data, {0x88}})
+                               : Concat({{c.id, static_cast<uint8_t>(c.length)}, data});
     EXPECT_EQ(Pool(out), expected);
     EXPECT_EQ(rec.beaconIesLength, expected.size());
   }
@@ -394,12 +389,10 @@ TEST_F(MarshalTest, BeaconElementsInOrderSkippingNullEntries) {
   EXPECT_EQ(rec.elementAOffset, 1u);
   EXPECT_EQ(rec.beaconIesOffset, 4u);
   EXPECT_EQ(rec.beaconIesLength, 4u + 28u + 2u);
-  EXPECT_EQ(Pool(out), Concat({{9, 48, 1, 1},
-                               {0, 2, 'a', 'p'},
-                               {221, 26},
-                               VendorData(kOwnOui, 25),
-                               {0xAB},
-                               {3, 0}}));
+  EXPECT_EQ(
+      Pool(out),
+      Concat(
+          {{9, 48, 1, 1}, {0, 2, 'a', 'p'}, {221, 26}, VendorData(kOwnOui, 25), {0xAB}, {3, 0}}));
 }
 
 // Records are consecutive and every index into a pool continues where the
@@ -473,7 +466,8 @@ TEST_F(MarshalTest, FailedRecordAppendFixesUpRecordZero) {
   fail_size = 128 * sizeof(WifiScanMeasurement);
   MarshalFullBeacon(out, &last);
 
-  EXPECT_THAT(lines_, ElementsAre("E vector: insertion failed -2", "E vector: index out of range\n"));
+  EXPECT_THAT(lines_,
+              ElementsAre("E vector: insertion failed -2", "E vector: index out of range\n"));
   EXPECT_EQ(out.measurements.getCount(), 64u);
   EXPECT_EQ(out.measurements[0].beaconIesOffset, 4u);
   EXPECT_EQ(out.measurements[0].beaconIesLength, 5u);

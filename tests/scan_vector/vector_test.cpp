@@ -41,9 +41,9 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
 
 namespace {
 
+using ky_loc_fw::vector;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
-using ky_loc_fw::vector;
 
 struct LogLine {
   char letter;
@@ -186,8 +186,7 @@ TEST_F(VectorTest, GrowthCopiesOldSlotsAndReleasesOldBlock) {
   // The whole block of 128 goes, highest slot first.
   ASSERT_EQ(destroyed_.size(), 128u);
   EXPECT_EQ(destroyed_.front(), -1);
-  EXPECT_THAT(std::vector<int>(destroyed_.end() - 65, destroyed_.end()),
-              ElementsAreArray([] {
+  EXPECT_THAT(std::vector<int>(destroyed_.end() - 65, destroyed_.end()), ElementsAreArray([] {
                 std::vector<int> r = Iota(65);
                 return std::vector<int>(r.rbegin(), r.rend());
               }()));
