@@ -1,0 +1,78 @@
+// The connections of one service (or of all client connections of the
+// process), the monitor thread that accepts and watches idle sockets with
+// epoll, and the pool of worker threads that serve calls.
+#ifndef TARNSOCKET_ENDPOINT_H_
+#define TARNSOCKET_ENDPOINT_H_
+
+#include <stdint.h>
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "service/object.h"
+
+namespace tarnsocket {
+
+class Connection;
+
+class Endpoint {
+ public:
+  // listen_fd < 0: an endpoint for client connections only.
+  Endpoint(int listen_fd, Object root);
+  ~Endpoint();
+  Endpoint(const Endpoint&) = delete;
+  Endpoint& operator=(const Endpoint&) = delete;
+
+  // 0 or -errno.
+  int Start();
+  void Stop();
+  void Join();
+
+  // Registers a new connection and watches it if it is marked so.
+  int Add(const std::shared_ptr<Connection>& connection);
+  void Remove(uint64_t id);
+  uint64_t NextId();
+
+  // Watching an idle socket: one event, then the monitor stops looking.
+  void Watch(int fd, uint64_t id);
+  void Mute(int fd, uint64_t id);
+  void Forget(int fd);
+
+  void Dispatch(std::function<void()> task);
+
+ private:
+  void MonitorLoop();
+  // False when accept failed for good.
+  bool AcceptAll();
+  void WorkerLoop();
+  void StopWorkers();
+
+  const int listen_fd_;
+  const Object root_;
+  int epoll_fd_ = -1;
+  int wake_fd_ = -1;
+  std::thread monitor_;
+  std::mutex join_mutex_;
+
+  std::mutex mutex_;
+  bool stopping_ = false;
+  uint64_t next_id_ = 16;
+  std::unordered_map<uint64_t, std::shared_ptr<Connection>> connections_;
+
+  std::mutex pool_mutex_;
+  std::condition_variable pool_cv_;
+  std::deque<std::function<void()>> tasks_;
+  std::vector<std::thread> workers_;
+  size_t idle_ = 0;
+  bool pool_stopping_ = false;
+};
+
+}  // namespace tarnsocket
+
+#endif  // TARNSOCKET_ENDPOINT_H_

@@ -1,0 +1,59 @@
+/*
+ * Object IPC over Unix stream sockets: a process serves one root Object on
+ * a socket; other processes connect and invoke it, and Objects cross in both
+ * directions as callable references. See README.md next to this header for
+ * the wire protocol, the threads and the lifetime rules.
+ */
+#ifndef TARNSOCKET_TARN_IPC_H_
+#define TARNSOCKET_TARN_IPC_H_
+
+#include "service/object.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A call into a peer's object that gets no answer within this time fails
+ * with TARN_IPC_ERROR_TIMEOUT and ends that connection. The environment
+ * variable TARN_CALL_TIMEOUT_MS overrides it for connections made after it
+ * is set. */
+#define TARN_IPC_DEFAULT_CALL_TIMEOUT_MS 5000
+
+/* Results of calls on remote objects that the transport, not the remote
+ * object, produced. */
+#define TARN_IPC_ERROR_DEAD (-32) /* the connection is gone (-EPIPE) */
+#define TARN_IPC_ERROR_TIMEOUT (-110) /* no answer in time (-ETIMEDOUT) */
+
+/*
+ * Serves the root object {invoke, context} to every client that connects to
+ * the Unix stream socket fd, which must be bound; listen() is called here
+ * (harmless if it already listens). The fd stays owned by the caller and is
+ * switched to non-blocking mode. Returns an opaque service handle, or null
+ * if fd cannot serve (not a socket, not a stream socket, listen fails).
+ */
+void* TarnIPC_startServiceOnSocket(int fd, ObjectInvoke invoke, void* context);
+
+/* Blocks until the service ends: accept() failed with a non-transient error
+ * or TarnIPC_stopService was called. By then every connection is closed, the
+ * references its peer held are released and the library's threads of this
+ * service have exited. */
+void TarnIPC_join(void* service);
+
+/* Ends the service: stops accepting and closes every connection as if its
+ * peer had died. Returns at once; TarnIPC_join waits for the end. */
+void TarnIPC_stopService(void* service);
+
+/*
+ * Connects to the service at socket_path. On success returns 0 and stores
+ * the root object, carrying one reference, in *root_out; otherwise a
+ * negative errno. The connection closes when this process holds no object
+ * obtained through it any more; the peer's references to this process's
+ * objects are then released.
+ */
+int TarnIPC_connect(const char* socket_path, Object* root_out);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* TARNSOCKET_TARN_IPC_H_ */

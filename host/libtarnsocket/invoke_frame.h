@@ -1,0 +1,32 @@
+// One received invocation, decoded: its buffers in an arena with zeroed
+// slack behind each, its objects already resolved to local objects or
+// proxies, and the served target.
+#ifndef TARNSOCKET_INVOKE_FRAME_H_
+#define TARNSOCKET_INVOKE_FRAME_H_
+
+#include <stdint.h>
+
+#include <vector>
+
+#include "frame.h"
+#include "service/object.h"
+
+namespace tarnsocket {
+
+struct InvokeFrame {
+  FrameHeader header{};
+  InvokeMeta meta;
+  uint64_t offsets[kMaxSlots] = {};
+  std::vector<uint8_t> arena;
+  Object target = {nullptr, nullptr};
+  uint32_t target_handle = 0;
+  Object in_objects[kMaxSlots] = {};
+  // For each input object: the export handle pinned for the call (the peer
+  // passed our own object back), or a proxy reference to drop afterwards.
+  bool pinned[kMaxSlots] = {};
+  unsigned resolved = 0;  // input objects resolved so far
+};
+
+}  // namespace tarnsocket
+
+#endif  // TARNSOCKET_INVOKE_FRAME_H_

@@ -1,0 +1,80 @@
+// The serving half of the public API.
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "endpoint.h"
+#include "log.h"
+#include "tarnsocket/tarn_ipc.h"
+
+namespace tarnsocket {
+namespace {
+
+// Service handles stay valid for the life of the process, so that a late
+// TarnIPC_stopService or a second TarnIPC_join on an ended service is safe.
+std::mutex g_services_mutex;
+std::vector<Endpoint*>* g_services = new std::vector<Endpoint*>();
+
+bool CanServe(int fd) {
+  struct stat st{};
+  if (fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) {
+    LogError("Cannot serve on fd %d: not a socket", fd);
+    return false;
+  }
+  int type = 0;
+  socklen_t len = sizeof type;
+  if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len) != 0 || type != SOCK_STREAM) {
+    LogError("Cannot serve on fd %d: not a stream socket", fd);
+    return false;
+  }
+  if (listen(fd, SOMAXCONN) != 0) {
+    LogError("Cannot serve on fd %d: listen failed: %d (%s)", fd, errno, strerror(errno));
+    return false;
+  }
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+    LogError("Cannot serve on fd %d: fcntl failed: %d (%s)", fd, errno, strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+}  // namespace tarnsocket
+
+using tarnsocket::Endpoint;
+
+extern "C" {
+
+__attribute__((visibility("default"))) void* TarnIPC_startServiceOnSocket(int fd,
+                                                                          ObjectInvoke invoke,
+                                                                          void* context) {
+  if (invoke == nullptr || !tarnsocket::CanServe(fd)) return nullptr;
+  Endpoint* endpoint = new (std::nothrow) Endpoint(fd, Object{invoke, context});
+  if (endpoint == nullptr) return nullptr;
+  const int rc = endpoint->Start();
+  if (rc != 0) {
+    tarnsocket::LogError("Cannot start service: %d (%s)", -rc, strerror(-rc));
+    delete endpoint;
+    return nullptr;
+  }
+  std::lock_guard<std::mutex> lock(tarnsocket::g_services_mutex);
+  tarnsocket::g_services->push_back(endpoint);
+  return endpoint;
+}
+
+__attribute__((visibility("default"))) void TarnIPC_join(void* service) {
+  if (service != nullptr) static_cast<Endpoint*>(service)->Join();
+}
+
+__attribute__((visibility("default"))) void TarnIPC_stopService(void* service) {
+  if (service != nullptr) static_cast<Endpoint*>(service)->Stop();
+}
+
+}  // extern "C"
