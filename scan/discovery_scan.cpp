@@ -161,10 +161,14 @@ int32_t discovery_scan_invoke(void* /*context*/, uint32_t op, ObjectArg* args, u
   if ((op & OBJECT_OP_MASK) != OBJECT_OP_METHOD) return OBJECT_ERROR_INVALID;
   if (counts != kDiscoveryScanCounts) return OBJECT_ERROR_INVALID;
 
-  // The parameter buffer's size is deliberately not examined: the record is
-  // read in place and a client must always send all of it.
-  DiscoveryScanParams params;
-  memcpy(&params, args[0].b.ptr, sizeof params);
+  // The parameter buffer's size is deliberately not validated: a short
+  // record is not refused. Bytes the client did not send read as zero rather
+  // than as whatever follows the buffer in memory.
+  DiscoveryScanParams params{};
+  if (args[0].b.ptr != nullptr) {
+    memcpy(&params, args[0].b.ptr,
+           args[0].b.size < sizeof params ? static_cast<size_t>(args[0].b.size) : sizeof params);
+  }
 
   ky_loc_fw::vector<VELAChannelInfo> channels;
   ky_loc_fw::vector<VELASsid> ssids;

@@ -250,6 +250,29 @@ TEST_F(DiscoveryScanTest, ScanFlagAndFirstScanTypeReachTheFactory) {
   EXPECT_FALSE(sent.cacheFlag);
 }
 
+TEST_F(DiscoveryScanTest, ShortParameterRecordIsNotRefusedAndReadsZeroPastItsEnd) {
+  DiscoveryScanParams params{};
+  params.timeout = 333;
+  params.mode = 2;
+  params.age_filter = 111;  // beyond the 16 bytes sent
+  params.band = 1;          // likewise
+  Bytes sent_bytes = AsBytes(params);
+  sent_bytes.resize(16);
+  Bytes empty;
+  ObjectArg args[6];
+  args[0].b = Buf(sent_bytes);
+  args[1].b = args[2].b = args[3].b = Buf(empty);
+  args[4].o = callback_.object();
+  args[5].o = kNullObject;
+  ASSERT_EQ(scan_object_.invoke(nullptr, 0, args, kDiscoveryScanCounts), 0);
+  handle_ = args[5].o;
+  const vt::SentRequest sent = Sent();
+  EXPECT_EQ(sent.kind, VELADiscoveryScanRequest::KIND_CACHE_ONLY);
+  EXPECT_EQ(sent.timeout, 333);
+  EXPECT_EQ(sent.ageFilter, 0u);
+  EXPECT_EQ(sent.band, VELADiscoveryScanRequest::BAND_2_4_GHZ);
+}
+
 TEST_F(DiscoveryScanTest, RefusedModeUsesUpARequestId) {
   Call call;
   call.params.mode = 4;
