@@ -31,7 +31,7 @@ class VELAClientListener {
 class VELAClient {
  public:
   // Level of the client's own log lines (tag "vela"): 2 adds debug lines.
-  enum eLogLevel {
+  enum eLogLevel : int {
     LOG_LEVEL_ERROR = 0,
     LOG_LEVEL_INFO = 1,
     LOG_LEVEL_DEBUG = 2,

@@ -52,21 +52,23 @@ class VELARequest {
 
 class VELADiscoveryScanRequest : public VELARequest {
  public:
-  enum eScanType {
+  // The enumerations have a fixed type so that the factories can check any
+  // value they are given.
+  enum eScanType : int {
     SCAN_TYPE_ACTIVE = 0,   // probe requests on every channel allowed to
     SCAN_TYPE_PASSIVE = 1,  // listen for beacons only
   };
-  enum eBand {
+  enum eBand : int {
     BAND_2_4_GHZ = 0,
     BAND_5_GHZ = 1,
     BAND_ALL = 2,
   };
-  enum eRequestMode {
+  enum eRequestMode : int {
     REQUEST_MODE_NORMAL = 0,
     REQUEST_MODE_HIGH_ACCURACY = 1,  // dwells longer on each channel
   };
   // Which factory made the request.
-  enum eRequestKind {
+  enum eRequestKind : int {
     KIND_FRESH_SCAN = 0,
     KIND_CACHE_ONLY = 1,
     KIND_CACHE_FALLBACK = 2,
