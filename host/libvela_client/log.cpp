@@ -47,7 +47,8 @@ class Logger {
     quiet_ = sink != nullptr && quiet;
   }
 
-  void Write(const Severity& severity, const char* tag, const char* format, va_list args) {
+  __attribute__((format(printf, 4, 0))) void Write(const Severity& severity, const char* tag,
+                                                    const char* format, va_list args) {
     LogSink sink;
     void* sink_context;
     bool quiet;
