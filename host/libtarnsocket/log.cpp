@@ -11,7 +11,7 @@
 namespace tarnsocket {
 namespace {
 
-void Write(char letter, const char* format, va_list args) {
+__attribute__((format(printf, 2, 0))) void Write(char letter, const char* format, va_list args) {
   char text[512];
   const int n = vsnprintf(text, sizeof text, format, args);
   if (n < 0) return;
