@@ -46,6 +46,7 @@ class TrackedCallback {
   int retains() { return Get(retains_); }
   int releases() { return Get(releases_); }
   int deliveries() { return Get(deliveries_); }
+  int bad_deliveries() { return Get(bad_deliveries_); }
   void WaitForReleases(int n) {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [&] { return releases_ >= n; });
@@ -65,6 +66,9 @@ class TrackedCallback {
           break;
         default:
           ++self->deliveries_;
+          if (counts != OBJECT_COUNTS(1, 0, 0, 0) || args[0].b.size != sizeof(DeauthEvent)) {
+            ++self->bad_deliveries_;
+          }
           break;
       }
       self->changed_.notify_all();
@@ -83,6 +87,7 @@ class TrackedCallback {
   int retains_ = 0;
   int releases_ = 0;
   int deliveries_ = 0;
+  int bad_deliveries_ = 0;  // not one 16-byte record
 };
 
 // The served root: interface 30 is the real monitor object, except that
@@ -278,6 +283,67 @@ TEST_F(DeauthOverIpcTest, KilledClientIsDroppedFromTheListeners) {
   EXPECT_EQ(callback->retains(), 1);
   EXPECT_EQ(callback->releases(), 1);
   EXPECT_EQ(callback->deliveries(), 1) << "nothing delivered after the drop";
+  EXPECT_EQ(callback->bad_deliveries(), 0);
+}
+
+TEST_F(DeauthOverIpcTest, TeskctlWatchPrintsEachEventInOrder) {
+#ifndef TESKCTL
+  GTEST_SKIP() << "teskctl is not built in this tree";
+#else
+  struct Mode {
+    std::vector<std::string> options;
+    std::vector<std::string> lines;
+  };
+  const Mode modes[] = {
+      {{"--json"},
+       {R"({"wiphy":1,"ifindex":4,"reason":7,"by_ap":true})",
+        R"({"wiphy":0,"ifindex":3,"reason":0,"by_ap":false})",
+        R"({"wiphy":2,"ifindex":9,"reason":65535,"by_ap":false})"}},
+      {{},
+       {"disconnect: wiphy 1, ifindex 4, reason 7, by access point",
+        "disconnect: wiphy 0, ifindex 3, reason 0, local",
+        "disconnect: wiphy 2, ifindex 9, reason 65535, local"}},
+  };
+  size_t registration = 0;
+  for (const Mode& mode : modes) {
+    std::vector<std::string> argv = {TESKCTL, "--socket", socket_path_};
+    argv.insert(argv.end(), mode.options.begin(), mode.options.end());
+    argv.push_back("watch");
+    Child watch(argv);
+    ASSERT_TRUE(watch.started());
+    TrackedCallback* callback = root_.WaitForRegistration(registration++);
+
+    InjectAndWait({{1, 4, 7, 1}, {0, 3, 0, 0}, {2, 9, 65535, 0}});
+    for (const std::string& line : mode.lines) EXPECT_EQ(watch.ReadLine(), line);
+
+    watch.Signal(SIGINT);
+    const int status = watch.Wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "wait status " << status;
+    // teskctl released its token on the way out; the monitor let go of it.
+    callback->WaitForReleases(1);
+    EXPECT_EQ(callback->retains(), 1);
+    EXPECT_EQ(callback->deliveries(), 3);
+    EXPECT_EQ(callback->bad_deliveries(), 0);
+  }
+#endif
+}
+
+TEST_F(DeauthOverIpcTest, TeskctlWatchEndsWhenTheDaemonGoes) {
+#ifndef TESKCTL
+  GTEST_SKIP() << "teskctl is not built in this tree";
+#else
+  Child watch({TESKCTL, "--socket", socket_path_, "watch"});
+  ASSERT_TRUE(watch.started());
+  TrackedCallback* callback = root_.WaitForRegistration(0);
+
+  TarnIPC_stopService(service_);
+  TarnIPC_join(service_);
+  service_ = nullptr;
+  const int status = watch.Wait();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << "wait status " << status;
+  callback->WaitForReleases(1);
+  EXPECT_EQ(callback->retains(), 1);
+#endif
 }
 
 }  // namespace
