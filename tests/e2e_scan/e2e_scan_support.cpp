@@ -9,6 +9,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
+
 #include "teskclient/callback_object.h"
 #include "teskclient/session.h"
 
@@ -23,6 +25,14 @@ ScenarioDaemon::ScenarioDaemon(const std::string& scenario) {
   options.environment.push_back("VELA_SCENARIO=" + path);
   daemon_ = std::make_unique<tesk_test::DaemonProcess>(options);
   if (!daemon_->WaitUntilServing()) throw std::runtime_error("the daemon does not serve");
+}
+
+ScenarioDaemon::~ScenarioDaemon() {
+  const std::string log = daemon_->Log();
+  if (log.find("Sanitizer") != std::string::npos ||
+      log.find("runtime error") != std::string::npos) {
+    ADD_FAILURE() << "the daemon reported:\n" << log;
+  }
 }
 
 Client::Client(const std::string& socket_path, uint32_t interface_id) {

@@ -30,6 +30,8 @@ constexpr std::chrono::seconds kPatience{30};
 class ScenarioDaemon {
  public:
   explicit ScenarioDaemon(const std::string& scenario);
+  // Fails the test when a sanitizer in the daemon reported anything.
+  ~ScenarioDaemon();
   tesk_test::DaemonProcess& daemon() { return *daemon_; }
   const std::string& socket_path() const { return daemon_->socket_path(); }
 
