@@ -80,8 +80,6 @@ int main(int argc, char** argv) {
   const std::string command = argv[first];
   if (command == "scan") return RunScanCommand(options, argc - first, argv + first);
   if (command == "range") return RunRangeCommand(options, argc - first, argv + first);
-#ifndef TESKCTL_WITHOUT_WATCH
   if (command == "watch") return RunWatchCommand(options, argc - first, argv + first);
-#endif
   return UsageError("unknown command ", command);
 }
