@@ -28,7 +28,9 @@ constexpr uint16_t kCapabilityShortSlot = 0x0400;
 constexpr int kNoiseFloor24 = -95;
 constexpr int kNoiseFloor5 = -92;
 
-uint32_t Word(int value) { return static_cast<uint32_t>(value); }
+uint32_t Word(int value) {
+  return static_cast<uint32_t>(value);
+}
 
 uint16_t ChannelCentre(uint8_t channel_index) {
   return channel_index == 0 ? 0 : static_cast<uint16_t>(5000 + 5 * channel_index);
@@ -113,8 +115,8 @@ ApTraits DeriveTraits(const ScenarioAp& ap) {
     const uint8_t offset = bytes[ht_op->offset + 1] & 0x03;
     if (offset == 1 || offset == 3) {
       t.width = 1;
-      t.centre0Mhz = static_cast<uint16_t>(offset == 1 ? ap.frequencyMhz + 10
-                                                       : ap.frequencyMhz - 10);
+      t.centre0Mhz =
+          static_cast<uint16_t>(offset == 1 ? ap.frequencyMhz + 10 : ap.frequencyMhz - 10);
     }
   }
 
@@ -130,8 +132,8 @@ ApTraits DeriveTraits(const ScenarioAp& ap) {
     t.dtimPeriod = bytes[tim->offset + 1];
   }
   const ElementRef* tpc = FindElement(elements, kIdTpcReport);
-  t.txPowerDbm = static_cast<int8_t>(tpc != nullptr && tpc->len >= 1 ? bytes[tpc->offset]
-                                                                     : ap.txPowerDbm);
+  t.txPowerDbm =
+      static_cast<int8_t>(tpc != nullptr && tpc->len >= 1 ? bytes[tpc->offset] : ap.txPowerDbm);
   return t;
 }
 
@@ -186,8 +188,8 @@ VELAFullBeaconScanMeasurement* MeasureBeacon(const ScenarioAp& ap, const BeaconC
   m->value8_7 = t.width;
   m->value8_3 = t.phy;
   for (uint32_t chain = 0; chain < 2; ++chain) {
-    VELAMeasurementDetail* d = MeasureChain(chain, ap.rssiDbm, ap.frequencyMhz, context.whenUs,
-                                            frames);
+    VELAMeasurementDetail* d =
+        MeasureChain(chain, ap.rssiDbm, ap.frequencyMhz, context.whenUs, frames);
     if (d != nullptr && m->details.push_back(d) != 0) delete d;
   }
   m->value32_7 = ap.intervalTu;

@@ -21,10 +21,10 @@ struct BeaconContext {
 
 // What a receiver learns from an access point's elements.
 struct ApTraits {
-  int security = 0;       // 0 open, 1 WEP, 2 WPA, 3 WPA2, 4 WPA3
+  int security = 0;  // 0 open, 1 WEP, 2 WPA, 3 WPA2, 4 WPA3
   uint16_t capability = 0;
-  uint8_t phy = 0;        // 0 legacy, 1 HT, 2 VHT, 3 HE
-  uint8_t width = 0;      // 0 20, 1 40, 2 80, 3 160 MHz
+  uint8_t phy = 0;    // 0 legacy, 1 HT, 2 VHT, 3 HE
+  uint8_t width = 0;  // 0 20, 1 40, 2 80, 3 160 MHz
   uint16_t centre0Mhz = 0;
   uint16_t centre1Mhz = 0;
   uint8_t spatialStreams = 1;

@@ -113,9 +113,9 @@ bool Neighbourhood::Reportable(const ScenarioAp& ap, const vela_test::SentReques
   return true;
 }
 
-std::vector<const ScenarioAp*> Neighbourhood::CachedMatches(
-    const vela_test::SentRequest& request, uint64_t now_us, bool hidden_allowed,
-    std::vector<uint32_t>* ages_ms) const {
+std::vector<const ScenarioAp*> Neighbourhood::CachedMatches(const vela_test::SentRequest& request,
+                                                            uint64_t now_us, bool hidden_allowed,
+                                                            std::vector<uint32_t>* ages_ms) const {
   std::vector<const ScenarioAp*> matches;
   ages_ms->clear();
   for (const ScenarioAp& ap : scenario_.aps) {
@@ -202,9 +202,9 @@ VELAScanMeasurement* Neighbourhood::MeasureRange(const VELANodeInfo& node, uint6
     if (a.bssid == mac) ap = &a;
   }
   const uint64_t hash = Mix(mac);
-  const uint32_t distance_mm =
-      range != nullptr && range->distanceMm != 0 ? range->distanceMm
-                                                 : 1000 + static_cast<uint32_t>(hash % 29000);
+  const uint32_t distance_mm = range != nullptr && range->distanceMm != 0
+                                   ? range->distanceMm
+                                   : 1000 + static_cast<uint32_t>(hash % 29000);
   int rssi = -35 - static_cast<int>(distance_mm / 500);
   if (ap != nullptr) rssi = ap->rssiDbm;
   if (range != nullptr && range->rssiDbm != 0) rssi = range->rssiDbm;
@@ -235,8 +235,8 @@ VELAScanMeasurement* Neighbourhood::MeasureRange(const VELANodeInfo& node, uint6
   m->value64 = when_us;
   m->unreadField26 = mac;
   if (ranging != nullptr) {
-    const uint32_t spread = range != nullptr && range->spreadMm != 0 ? range->spreadMm
-                                                                     : distance_mm / 20 + 1;
+    const uint32_t spread =
+        range != nullptr && range->spreadMm != 0 ? range->spreadMm : distance_mm / 20 + 1;
     const uint32_t attempted = node.ftmsPerBurst != 0 ? node.ftmsPerBurst : 8;
     const uint32_t succeeded = attempted - static_cast<uint32_t>(hash >> 32 & 1);
     m->value32_4 = distance_mm;

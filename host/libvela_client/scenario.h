@@ -20,16 +20,16 @@ struct ScenarioAp {
   std::vector<uint8_t> ssid;  // from ssid=, else from the SSID element
   unsigned int channel = 0;
   unsigned int frequencyMhz = 0;
-  int band = 0;                 // 0 2.4 GHz, 1 5 GHz
+  int band = 0;  // 0 2.4 GHz, 1 5 GHz
   int rssiDbm = -65;
   unsigned int intervalTu = 100;
-  int capability = -1;          // -1: derived from the elements
-  int security = -1;            // -1: derived; else 0 open .. 4 WPA3
+  int capability = -1;  // -1: derived from the elements
+  int security = -1;    // -1: derived; else 0 open .. 4 WPA3
   int txPowerDbm = 20;
   bool hidden = false;
   bool cached = false;
   bool probe = false;
-  std::vector<uint8_t> ies;     // whole, checked element sequence, vendor= additions included
+  std::vector<uint8_t> ies;  // whole, checked element sequence, vendor= additions included
   int line = 0;
 };
 

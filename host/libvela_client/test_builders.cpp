@@ -100,7 +100,9 @@ VELAResponse* MakeResponseOfType(unsigned int id, int type) {
   return new OddTypeResponse(id, type);
 }
 
-VELAScanMeasurement* MakeMeasurementOfType(int type) { return new OddTypeMeasurement(type); }
+VELAScanMeasurement* MakeMeasurementOfType(int type) {
+  return new OddTypeMeasurement(type);
+}
 
 VELAInfoElement* MakeElement(uint8_t id, const std::vector<uint8_t>& data) {
   const size_t len = data.size() > 255 ? 255 : data.size();
@@ -116,9 +118,8 @@ VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24) {
 bool ParseMac(const std::string& text, VELAMacAddress* mac) {
   unsigned int o[6];
   char tail;
-  if (text.size() != 17 ||
-      std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &o[0], &o[1], &o[2], &o[3], &o[4],
-                  &o[5], &tail) != 6) {
+  if (text.size() != 17 || std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &o[0], &o[1],
+                                       &o[2], &o[3], &o[4], &o[5], &tail) != 6) {
     return false;
   }
   *mac = MakeMac(o[0] << 16 | o[1] << 8 | o[2], o[3] << 16 | o[4] << 8 | o[5]);

@@ -210,7 +210,9 @@ void SetScenarioText(const char* text) {
   }
 }
 
-std::string DefaultScenarioText() { return vela_sim::DefaultScenarioText(); }
+std::string DefaultScenarioText() {
+  return vela_sim::DefaultScenarioText();
+}
 
 }  // namespace vela_test
 }  // namespace ky_loc_fw

@@ -16,7 +16,9 @@ VELAInfoElement::VELAInfoElement(uint8_t elementId, const uint8_t* bytes, uint8_
   len = length;
 }
 
-VELAInfoElement::~VELAInfoElement() { delete[] data; }
+VELAInfoElement::~VELAInfoElement() {
+  delete[] data;
+}
 
 VELAMeasurementDetail::VELAMeasurementDetail()
     : infoValue32_1(0),
@@ -76,7 +78,9 @@ VELAScanMeasurement::~VELAScanMeasurement() {
   delete elementB;
 }
 
-int VELAScanMeasurement::getMeasurementType() const { return MEASUREMENT_TYPE_SCAN; }
+int VELAScanMeasurement::getMeasurementType() const {
+  return MEASUREMENT_TYPE_SCAN;
+}
 
 VELAFullBeaconScanMeasurement::VELAFullBeaconScanMeasurement() : beaconTsf(0), unreadBeacon(0) {}
 
@@ -92,6 +96,8 @@ VELARangingScanMeasurement::VELARangingScanMeasurement() : unreadRanging{0, 0} {
 
 VELARangingScanMeasurement::~VELARangingScanMeasurement() = default;
 
-int VELARangingScanMeasurement::getMeasurementType() const { return MEASUREMENT_TYPE_RANGING; }
+int VELARangingScanMeasurement::getMeasurementType() const {
+  return MEASUREMENT_TYPE_RANGING;
+}
 
 }  // namespace ky_loc_fw

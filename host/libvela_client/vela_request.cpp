@@ -32,7 +32,9 @@ VELADiscoveryScanRequest::VELADiscoveryScanRequest(unsigned int id, eRequestKind
 
 VELADiscoveryScanRequest::~VELADiscoveryScanRequest() = default;
 
-int VELADiscoveryScanRequest::getRequestType() const { return REQUEST_TYPE_DISCOVERY_SCAN; }
+int VELADiscoveryScanRequest::getRequestType() const {
+  return REQUEST_TYPE_DISCOVERY_SCAN;
+}
 
 VELADiscoveryScanRequest* VELADiscoveryScanRequest::Create(
     unsigned int id, eRequestKind requestKind,
@@ -84,8 +86,7 @@ VELADiscoveryScanRequest* VELADiscoveryScanRequest::createFreshScanRequest(
 
 VELADiscoveryScanRequest* VELADiscoveryScanRequest::createCacheOnlyRequest(
     unsigned int id, eBand band, unsigned int ageFilter, long timeout, bool cacheFlag) {
-  VELADiscoveryScanRequest* request =
-      Create(id, KIND_CACHE_ONLY, nullptr, band, SCAN_TYPE_ACTIVE);
+  VELADiscoveryScanRequest* request = Create(id, KIND_CACHE_ONLY, nullptr, band, SCAN_TYPE_ACTIVE);
   if (request == nullptr) return nullptr;
   request->ageFilter = ageFilter;
   request->timeout = timeout;
@@ -141,7 +142,9 @@ VELARangingScanRequest::VELARangingScanRequest(unsigned int id,
 
 VELARangingScanRequest::~VELARangingScanRequest() = default;
 
-int VELARangingScanRequest::getRequestType() const { return REQUEST_TYPE_RANGING_SCAN; }
+int VELARangingScanRequest::getRequestType() const {
+  return REQUEST_TYPE_RANGING_SCAN;
+}
 
 VELAPeriodicRangingScanRequest::VELAPeriodicRangingScanRequest(
     unsigned int id, ky_loc_fw::vector<VELAPeriodicNodeInfo>& targets, long ts)

@@ -20,15 +20,23 @@ VELADiscoveryScanResponse::VELADiscoveryScanResponse(unsigned int id)
       scanStatus(SCAN_STATUS_SUCCESS),
       scanTimestamp(0) {}
 
-VELADiscoveryScanResponse::~VELADiscoveryScanResponse() { DeleteAll(measurements); }
+VELADiscoveryScanResponse::~VELADiscoveryScanResponse() {
+  DeleteAll(measurements);
+}
 
-int VELADiscoveryScanResponse::getResponseType() const { return RESPONSE_TYPE_DISCOVERY_SCAN; }
+int VELADiscoveryScanResponse::getResponseType() const {
+  return RESPONSE_TYPE_DISCOVERY_SCAN;
+}
 
 VELARangingScanResponse::VELARangingScanResponse(unsigned int id)
     : VELAResponse(id), scanStatus(SCAN_STATUS_SUCCESS) {}
 
-VELARangingScanResponse::~VELARangingScanResponse() { DeleteAll(measurements); }
+VELARangingScanResponse::~VELARangingScanResponse() {
+  DeleteAll(measurements);
+}
 
-int VELARangingScanResponse::getResponseType() const { return RESPONSE_TYPE_RANGING_SCAN; }
+int VELARangingScanResponse::getResponseType() const {
+  return RESPONSE_TYPE_RANGING_SCAN;
+}
 
 }  // namespace ky_loc_fw

@@ -17,7 +17,9 @@ void VELASsid::setSSID(const unsigned char* name, int nameLength) {
   valid = true;
 }
 
-bool VELASsid::isSSIDValid() const { return valid; }
+bool VELASsid::isSSIDValid() const {
+  return valid;
+}
 
 int VELASsid::getSSID(unsigned char* buf, int* len) const {
   // The length check also guards states set up by the test access.

@@ -28,7 +28,7 @@ struct SeenMeasurement {
   uint32_t rawByteCount = 0;
   bool hasElementA = false;
   bool hasElementB = false;
-  std::vector<uint64_t> macList;  // ranging only
+  std::vector<uint64_t> macList;                                   // ranging only
   std::vector<std::pair<uint8_t, std::vector<uint8_t>>> elements;  // full beacon only
 };
 

@@ -134,7 +134,8 @@ TEST_F(VelaClientTest, FreshScansHonourBandChannelsAndFilters) {
        [](unsigned id) { return Fresh(id, Request::BAND_2_4_GHZ, true); },
        {kAlpha, kBeta, kHidden}},
       {"5 GHz", [](unsigned id) { return Fresh(id, Request::BAND_5_GHZ); }, {kGamma, kDelta}},
-      {"all", [](unsigned id) { return Fresh(id, Request::BAND_ALL); },
+      {"all",
+       [](unsigned id) { return Fresh(id, Request::BAND_ALL); },
        {kAlpha, kBeta, kGamma, kDelta}},
       {"channel 6 and 5745 MHz",
        [](unsigned id) {
@@ -194,14 +195,12 @@ TEST_F(VelaClientTest, CacheAnswersOnlyWhatWasSeen) {
   EXPECT_EQ(Bssids(r), std::set<uint64_t>{kDelta});
 
   // Enough cached results: the cache answers; too few: a fresh scan does.
-  r = SendAndWait(Request::createCacheFallbackRequest(2, Request::BAND_ALL,
-                                                      Request::SCAN_TYPE_ACTIVE, 0, 1, 0, false,
-                                                      false));
+  r = SendAndWait(Request::createCacheFallbackRequest(
+      2, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE, 0, 1, 0, false, false));
   EXPECT_EQ(r.source, VELADiscoveryScanResponse::SCAN_SOURCE_CACHE);
   EXPECT_EQ(Bssids(r), std::set<uint64_t>{kDelta});
-  r = SendAndWait(Request::createCacheFallbackRequest(3, Request::BAND_5_GHZ,
-                                                      Request::SCAN_TYPE_ACTIVE, 0, 2, 0, false,
-                                                      false));
+  r = SendAndWait(Request::createCacheFallbackRequest(
+      3, Request::BAND_5_GHZ, Request::SCAN_TYPE_ACTIVE, 0, 2, 0, false, false));
   EXPECT_EQ(r.source, VELADiscoveryScanResponse::SCAN_SOURCE_FRESH);
   EXPECT_EQ(Bssids(r), (std::set<uint64_t>{kGamma, kDelta}));
 
@@ -227,8 +226,8 @@ TEST_F(VelaClientTest, FreshScanLongerThanTheTimeoutTimesOut) {
       1, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE, 0, 10, Request::REQUEST_MODE_NORMAL, false));
   EXPECT_EQ(r.status, VELAResponse::SCAN_STATUS_TIMEOUT);
   EXPECT_TRUE(r.measurements.empty());
-  r = SendAndWait(Request::createFreshScanRequest(
-      2, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE, 0, 0, Request::REQUEST_MODE_NORMAL, false));
+  r = SendAndWait(Request::createFreshScanRequest(2, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE,
+                                                  0, 0, Request::REQUEST_MODE_NORMAL, false));
   EXPECT_EQ(r.status, VELAResponse::SCAN_STATUS_SUCCESS);
   EXPECT_EQ(r.measurements.size(), 4u);
 }
@@ -369,8 +368,9 @@ TEST_F(VelaClientTest, ClientCannotBeCreatedWhenTheScenarioSaysSoOrIsBad) {
   LogCapture log;
   vela_test::SetScenarioText("fault create\n");
   EXPECT_EQ(VELAClient::createInstance(&listener_, true, VELAClient::LOG_LEVEL_INFO), nullptr);
-  EXPECT_TRUE(log.Has('E', "vela: the location service refused the connection (scenario set by "
-                           "the test)\n"));
+  EXPECT_TRUE(log.Has('E',
+                      "vela: the location service refused the connection (scenario set by "
+                      "the test)\n"));
 
   EXPECT_EQ(VELAClient::createInstance(nullptr, true, VELAClient::LOG_LEVEL_INFO), nullptr);
   EXPECT_TRUE(log.Has('E', "vela: createInstance needs a listener\n"));
@@ -384,8 +384,8 @@ TEST_F(VelaClientTest, ClientCannotBeCreatedWhenTheScenarioSaysSoOrIsBad) {
   close(fd);
   setenv("VELA_SCENARIO", path, 1);
   EXPECT_EQ(VELAClient::createInstance(&listener_, true, VELAClient::LOG_LEVEL_INFO), nullptr);
-  EXPECT_TRUE(log.Has('E', "vela: bad scenario: " + std::string(path) +
-                               ": line 2: unknown directive 'nope'\n"));
+  EXPECT_TRUE(log.Has(
+      'E', "vela: bad scenario: " + std::string(path) + ": line 2: unknown directive 'nope'\n"));
   unlink(path);
   EXPECT_EQ(VELAClient::createInstance(&listener_, true, VELAClient::LOG_LEVEL_INFO), nullptr);
   EXPECT_TRUE(log.Has('E', "vela: bad scenario: " + std::string(path) +
@@ -483,9 +483,8 @@ TEST_F(VelaClientTest, HookDeliversBeforeSendRequestReturns) {
   EXPECT_EQ(gate.inner.Seen().size(), 1u);  // no automatic answer
 
   // A hook can also refuse.
-  vela_test::SetSendHook([](const vela_test::SentRequest&, vela_test::SendAction* action) {
-    action->result = 5;
-  });
+  vela_test::SetSendHook(
+      [](const vela_test::SentRequest&, vela_test::SendAction* action) { action->result = 5; });
   request.reset(Fresh(32, Request::BAND_ALL));
   EXPECT_EQ(client_->sendRequest(request.get()), 5);
   vela_test::WaitIdle();

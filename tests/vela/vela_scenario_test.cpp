@@ -190,10 +190,9 @@ TEST(VelaDefaultNeighbourhood, MatchesTheCapturedFrames) {
               real);
     // Anything after the real elements is the vendor's own.
     std::vector<ElementRef> added;
-    ASSERT_TRUE(
-        SplitElements(std::vector<uint8_t>(ap.ies.begin() + static_cast<long>(real.size()),
-                                           ap.ies.end()),
-                      &added));
+    ASSERT_TRUE(SplitElements(
+        std::vector<uint8_t>(ap.ies.begin() + static_cast<long>(real.size()), ap.ies.end()),
+        &added));
     const size_t base = real.size();
     for (const ElementRef& e : added) {
       EXPECT_EQ(e.id, 221);

@@ -33,22 +33,50 @@ void ExpectInOrder(const std::vector<Field>& fields) {
   }
 }
 
-#define FIELD(object, name) Field{OffsetIn(object, object.name), sizeof(object.name)}
+#define FIELD(object, name)                            \
+  Field {                                              \
+    OffsetIn(object, object.name), sizeof(object.name) \
+  }
 
 TEST(VelaLayout, ScanMeasurementFieldsFollowTheTableAfterTheVtable) {
   VELAFullBeaconScanMeasurement m;
-  const std::vector<Field> fields = {
-      FIELD(m, bssid),     FIELD(m, value32_2),  FIELD(m, unreadField3), FIELD(m, value8_8),
-      FIELD(m, value8_9),  FIELD(m, value32_5),  FIELD(m, value32_6),    FIELD(m, ssid),
-      FIELD(m, value8_7),  FIELD(m, value8_3),   FIELD(m, details),      FIELD(m, value32_7),
-      FIELD(m, value8_1),  FIELD(m, value8_2),   FIELD(m, value32_3),    FIELD(m, value16_1),
-      FIELD(m, value16_2), FIELD(m, value32_10), FIELD(m, rawBytes),     FIELD(m, value16_3),
-      FIELD(m, value16_4), FIELD(m, value8_4),   FIELD(m, value8_5),     FIELD(m, value8_6),
-      FIELD(m, elementA),  FIELD(m, elementB),   FIELD(m, unreadField26), FIELD(m, value32_4),
-      FIELD(m, value32_8), FIELD(m, value32_1),  FIELD(m, value32_9),    FIELD(m, value64),
-      FIELD(m, beaconTsf), FIELD(m, unreadBeacon), FIELD(m, informationElements)};
+  const std::vector<Field> fields = {FIELD(m, bssid),
+                                     FIELD(m, value32_2),
+                                     FIELD(m, unreadField3),
+                                     FIELD(m, value8_8),
+                                     FIELD(m, value8_9),
+                                     FIELD(m, value32_5),
+                                     FIELD(m, value32_6),
+                                     FIELD(m, ssid),
+                                     FIELD(m, value8_7),
+                                     FIELD(m, value8_3),
+                                     FIELD(m, details),
+                                     FIELD(m, value32_7),
+                                     FIELD(m, value8_1),
+                                     FIELD(m, value8_2),
+                                     FIELD(m, value32_3),
+                                     FIELD(m, value16_1),
+                                     FIELD(m, value16_2),
+                                     FIELD(m, value32_10),
+                                     FIELD(m, rawBytes),
+                                     FIELD(m, value16_3),
+                                     FIELD(m, value16_4),
+                                     FIELD(m, value8_4),
+                                     FIELD(m, value8_5),
+                                     FIELD(m, value8_6),
+                                     FIELD(m, elementA),
+                                     FIELD(m, elementB),
+                                     FIELD(m, unreadField26),
+                                     FIELD(m, value32_4),
+                                     FIELD(m, value32_8),
+                                     FIELD(m, value32_1),
+                                     FIELD(m, value32_9),
+                                     FIELD(m, value64),
+                                     FIELD(m, beaconTsf),
+                                     FIELD(m, unreadBeacon),
+                                     FIELD(m, informationElements)};
   ExpectInOrder(fields);
-  EXPECT_EQ(fields.front().offset, sizeof(void*));  // only the vtable comes first
+  EXPECT_EQ(fields.front().offset, sizeof(void*));    // only the vtable comes first
   EXPECT_EQ(fields[4].offset, fields[3].offset + 1);  // the two bytes of field 4 are adjacent
   EXPECT_EQ(sizeof(m.unreadField26), 8u);
   EXPECT_EQ(sizeof(m.unreadBeacon), 8u);
@@ -104,8 +132,8 @@ TEST(VelaSsid, AcceptsZeroToThirtyTwoBytes) {
     const unsigned char* bytes;
     int length;
     bool valid;
-  } cases[] = {{name, 0, true},  {nullptr, 0, true},   {name, 1, true},  {name, 32, true},
-               {name, 33, false}, {name, -1, false}, {nullptr, 3, false}};
+  } cases[] = {{name, 0, true},   {nullptr, 0, true}, {name, 1, true},    {name, 32, true},
+               {name, 33, false}, {name, -1, false},  {nullptr, 3, false}};
   for (const Case& c : cases) {
     VELASsid ssid;
     ssid.setSSID(c.bytes, c.length);
@@ -138,8 +166,8 @@ TEST(VelaSsid, GetFailsForAValidButOverlongStateAndForNullArguments) {
 TEST(VelaChannelInfo, TakesChannelNumbersOrFrequencies) {
   struct Case {
     unsigned int value, channel, mhz;
-  } cases[] = {{1, 1, 2412},    {13, 13, 2472}, {14, 14, 2484}, {36, 36, 5180},  {165, 165, 5825},
-               {2437, 6, 2437}, {5500, 100, 5500}, {0, 0, 0},    {15, 0, 0},      {2413, 0, 0}};
+  } cases[] = {{1, 1, 2412},    {13, 13, 2472},    {14, 14, 2484}, {36, 36, 5180}, {165, 165, 5825},
+               {2437, 6, 2437}, {5500, 100, 5500}, {0, 0, 0},      {15, 0, 0},     {2413, 0, 0}};
   for (const Case& c : cases) {
     VELAChannelInfo info(c.value);
     EXPECT_EQ(info.getValue(), c.value);
@@ -167,28 +195,76 @@ TEST(VelaDiscoveryRequest, EachFactoryKeepsEveryArgument) {
   cases[0] = {std::unique_ptr<Request>(Request::createFreshScanRequest(
                   11, Request::BAND_5_GHZ, Request::SCAN_TYPE_PASSIVE, 500, 7000000000L,
                   Request::REQUEST_MODE_HIGH_ACCURACY, true)),
-              Request::KIND_FRESH_SCAN, false, Request::BAND_5_GHZ, Request::SCAN_TYPE_PASSIVE,
-              500, 0, 7000000000L, Request::REQUEST_MODE_HIGH_ACCURACY, false, true};
-  cases[1] = {std::unique_ptr<Request>(Request::createFreshScanRequest(
-                  12, channels, Request::SCAN_TYPE_ACTIVE, 1, -5, Request::REQUEST_MODE_NORMAL,
-                  false)),
-              Request::KIND_FRESH_SCAN, true, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE, 1, 0,
-              -5, Request::REQUEST_MODE_NORMAL, false, false};
+              Request::KIND_FRESH_SCAN,
+              false,
+              Request::BAND_5_GHZ,
+              Request::SCAN_TYPE_PASSIVE,
+              500,
+              0,
+              7000000000L,
+              Request::REQUEST_MODE_HIGH_ACCURACY,
+              false,
+              true};
+  cases[1] = {
+      std::unique_ptr<Request>(Request::createFreshScanRequest(
+          12, channels, Request::SCAN_TYPE_ACTIVE, 1, -5, Request::REQUEST_MODE_NORMAL, false)),
+      Request::KIND_FRESH_SCAN,
+      true,
+      Request::BAND_ALL,
+      Request::SCAN_TYPE_ACTIVE,
+      1,
+      0,
+      -5,
+      Request::REQUEST_MODE_NORMAL,
+      false,
+      false};
   cases[2] = {std::unique_ptr<Request>(
                   Request::createCacheOnlyRequest(13, Request::BAND_2_4_GHZ, 2, 3, true)),
-              Request::KIND_CACHE_ONLY, false, Request::BAND_2_4_GHZ, Request::SCAN_TYPE_ACTIVE, 2,
-              0, 3, Request::REQUEST_MODE_NORMAL, true, false};
+              Request::KIND_CACHE_ONLY,
+              false,
+              Request::BAND_2_4_GHZ,
+              Request::SCAN_TYPE_ACTIVE,
+              2,
+              0,
+              3,
+              Request::REQUEST_MODE_NORMAL,
+              true,
+              false};
   cases[3] = {std::unique_ptr<Request>(Request::createCacheOnlyRequest(14, channels, 4, 5, false)),
-              Request::KIND_CACHE_ONLY, true, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE, 4, 0,
-              5, Request::REQUEST_MODE_NORMAL, false, false};
+              Request::KIND_CACHE_ONLY,
+              true,
+              Request::BAND_ALL,
+              Request::SCAN_TYPE_ACTIVE,
+              4,
+              0,
+              5,
+              Request::REQUEST_MODE_NORMAL,
+              false,
+              false};
   cases[4] = {std::unique_ptr<Request>(Request::createCacheFallbackRequest(
                   15, Request::BAND_ALL, Request::SCAN_TYPE_PASSIVE, 6, 7, 8, true, false)),
-              Request::KIND_CACHE_FALLBACK, false, Request::BAND_ALL, Request::SCAN_TYPE_PASSIVE,
-              6, 7, 8, Request::REQUEST_MODE_NORMAL, true, false};
+              Request::KIND_CACHE_FALLBACK,
+              false,
+              Request::BAND_ALL,
+              Request::SCAN_TYPE_PASSIVE,
+              6,
+              7,
+              8,
+              Request::REQUEST_MODE_NORMAL,
+              true,
+              false};
   cases[5] = {std::unique_ptr<Request>(Request::createCacheFallbackRequest(
                   16, channels, Request::SCAN_TYPE_ACTIVE, 9, 10, 11, false, true)),
-              Request::KIND_CACHE_FALLBACK, true, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE, 9,
-              10, 11, Request::REQUEST_MODE_NORMAL, false, true};
+              Request::KIND_CACHE_FALLBACK,
+              true,
+              Request::BAND_ALL,
+              Request::SCAN_TYPE_ACTIVE,
+              9,
+              10,
+              11,
+              Request::REQUEST_MODE_NORMAL,
+              false,
+              true};
   unsigned int id = 11;
   for (const Case& c : cases) {
     SCOPED_TRACE(id);

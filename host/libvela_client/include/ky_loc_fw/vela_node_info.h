@@ -47,19 +47,19 @@ class VELANodeInfo {
   // Everything zero, except nodeEnum2 (PREAMBLE_HT) and ftmsPerBurst (8).
   VELANodeInfo();
 
-  VELAMacAddress mac;        // the station to range with
-  uint32_t nodeValue1;       // primary channel frequency, MHz
-  uint32_t nodeValue2;       // centre frequency of segment 0, MHz
-  uint32_t nodeValue3;       // centre frequency of segment 1, MHz (0: none)
+  VELAMacAddress mac;   // the station to range with
+  uint32_t nodeValue1;  // primary channel frequency, MHz
+  uint32_t nodeValue2;  // centre frequency of segment 0, MHz
+  uint32_t nodeValue3;  // centre frequency of segment 1, MHz (0: none)
   eBandwidth nodeEnum1;
-  VELAMacAddress peerMac;    // the station's other address (e.g. its AP); 0 when none
+  VELAMacAddress peerMac;  // the station's other address (e.g. its AP); 0 when none
   ePreamble nodeEnum2;
   ePeerType nodeEnum3;
-  uint32_t ftmsPerBurst;     // clients leave the default
+  uint32_t ftmsPerBurst;  // clients leave the default
   eRangingMethod nodeEnum4;
-  uint8_t nodeByte1;         // nonzero: ask for the station's location (LCI)
-  uint8_t nodeByte2;         // nonzero: ask for its civic address (LCR)
-  uint32_t nodeValue4;       // burst duration, microseconds (0: the service's choice)
+  uint8_t nodeByte1;    // nonzero: ask for the station's location (LCI)
+  uint8_t nodeByte2;    // nonzero: ask for its civic address (LCR)
+  uint32_t nodeValue4;  // burst duration, microseconds (0: the service's choice)
 };
 
 class VELAPeriodicNodeInfo : public VELANodeInfo {
@@ -67,10 +67,10 @@ class VELAPeriodicNodeInfo : public VELANodeInfo {
   // As VELANodeInfo, plus maxBursts 0 (no limit) and the periodic fields 0.
   VELAPeriodicNodeInfo();
 
-  uint32_t maxBursts;        // clients leave the default
-  uint8_t periodicByte;      // nonzero: report every burst, not only changes
-  uint32_t periodicValue1;   // burst period, milliseconds
-  uint32_t periodicValue2;   // number of reports wanted (0: until cancelled)
+  uint32_t maxBursts;       // clients leave the default
+  uint8_t periodicByte;     // nonzero: report every burst, not only changes
+  uint32_t periodicValue1;  // burst period, milliseconds
+  uint32_t periodicValue2;  // number of reports wanted (0: until cancelled)
 };
 
 static_assert(sizeof(VELANodeInfo) == 56, "field widths of the ranging target");

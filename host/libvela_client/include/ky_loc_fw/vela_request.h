@@ -90,12 +90,9 @@ class VELADiscoveryScanRequest : public VELARequest {
   static VELADiscoveryScanRequest* createCacheOnlyRequest(
       unsigned int id, ky_loc_fw::vector<VELAChannelInfo>& channels, unsigned int ageFilter,
       long timeout, bool cacheFlag);
-  static VELADiscoveryScanRequest* createCacheFallbackRequest(unsigned int id, eBand band,
-                                                              eScanType scanType,
-                                                              unsigned int ageFilter,
-                                                              unsigned int fallbackParam,
-                                                              long timeout, bool cacheFlag,
-                                                              bool scanFlag);
+  static VELADiscoveryScanRequest* createCacheFallbackRequest(
+      unsigned int id, eBand band, eScanType scanType, unsigned int ageFilter,
+      unsigned int fallbackParam, long timeout, bool cacheFlag, bool scanFlag);
   static VELADiscoveryScanRequest* createCacheFallbackRequest(
       unsigned int id, ky_loc_fw::vector<VELAChannelInfo>& channels, eScanType scanType,
       unsigned int ageFilter, unsigned int fallbackParam, long timeout, bool cacheFlag,

@@ -55,7 +55,7 @@ class VELADiscoveryScanResponse : public VELAResponse {
   // Status SCAN_STATUS_SUCCESS, source fresh, time 0, no measurements.
   explicit VELADiscoveryScanResponse(unsigned int id);
   ~VELADiscoveryScanResponse() override;  // deletes the measurements
-  int getResponseType() const override;  // RESPONSE_TYPE_DISCOVERY_SCAN
+  int getResponseType() const override;   // RESPONSE_TYPE_DISCOVERY_SCAN
 
   uint32_t scanSource;     // one of eScanSource
   int32_t scanStatus;      // one of eScanStatus
@@ -69,10 +69,10 @@ class VELADiscoveryScanResponse : public VELAResponse {
 class VELARangingScanResponse : public VELAResponse {
  public:
   explicit VELARangingScanResponse(unsigned int id);  // success, no measurements
-  ~VELARangingScanResponse() override;  // deletes the measurements
-  int getResponseType() const override;  // RESPONSE_TYPE_RANGING_SCAN
+  ~VELARangingScanResponse() override;                // deletes the measurements
+  int getResponseType() const override;               // RESPONSE_TYPE_RANGING_SCAN
 
-  int32_t scanStatus;  // one of eScanStatus
+  int32_t scanStatus;                                    // one of eScanStatus
   ky_loc_fw::vector<VELAScanMeasurement*> measurements;  // owned; null entries allowed
 };
 
