@@ -25,18 +25,17 @@ void PrintRangeUsage(FILE* out) {
           "                    peer=MAC        second address of the node\n"
           "                    v1, v2, v3      nodeValue1..3: primary, centre 0, centre 1 MHz\n"
           "                    v4              nodeValue4: burst duration\n"
-          "                    e1              nodeEnum1: 1-5, other values are sent as 0\n"
-          "                    e2              nodeEnum2: 0-3, other values are sent as 1\n"
-          "                    e3              nodeEnum3: 1-4, other values are sent as 0\n"
-          "                    e4              nodeEnum4: 1-3, other values are sent as 0\n"
+          "                    e1              nodeEnum1: 1-5 (the daemon uses 0 for others)\n"
+          "                    e2              nodeEnum2: 0-3 (the daemon uses 1 for others)\n"
+          "                    e3              nodeEnum3: 1-4 (the daemon uses 0 for others)\n"
+          "                    e4              nodeEnum4: 1-3 (the daemon uses 0 for others)\n"
           "                    b1, b2          nodeByte1..2 (8-bit)\n"
           "                    p1, p2, pb      periodicValue1..2, periodicByte (--periodic)\n"
-          "                  The daemon applies the enum fallbacks; teskctl sends as given.\n"
           "  --periodic      a periodic ranging scan (64-byte targets) instead of a single one\n"
           "  --ts N          the request's time value, signed 64-bit (default 0)\n"
           "  -h, --help      this text\n"
           "\n"
-          "Example: teskctl range 02:00:00:00:00:01,v1=2437,e1=1 --ts 100\n");
+          "Example: teskctl range 00:0d:58:ef:88:09,v1=2437,e1=1 --ts 100\n");
 }
 
 int Usage(const char* what, const std::string& detail) {
