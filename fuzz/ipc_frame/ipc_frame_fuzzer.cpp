@@ -41,8 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ObjectRef refs[kMaxSlots];
     if (DecodeReplyRefs(header, body, refs) != FrameError::kNone) return 0;
     uint8_t out[kMaxHeadSize];
-    const size_t used = EncodeReply(out, header.call_id, static_cast<int32_t>(header.code),
-                                    header.counts, refs);
+    const size_t used =
+        EncodeReply(out, header.call_id, static_cast<int32_t>(header.code), header.counts, refs);
     if (used != sizeof header + header.body_size || memcmp(out, data, used) != 0) abort();
   }
   return 0;

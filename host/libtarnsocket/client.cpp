@@ -38,7 +38,7 @@ int ClientEndpoint(Endpoint** out) {
 }  // namespace tarnsocket
 
 extern "C" __attribute__((visibility("default"))) int TarnIPC_connect(const char* socket_path,
-                                                                     Object* root_out) {
+                                                                      Object* root_out) {
   using tarnsocket::Connection;
   if (socket_path == nullptr || root_out == nullptr) return -EINVAL;
   sockaddr_un address{};

@@ -24,6 +24,7 @@ constexpr uint32_t kInlineBody = 4096;
 // the socket buffer, so the sender cannot block on a peer that is itself
 // blocked sending to us.
 constexpr uint64_t kSmallFrame = 32 * 1024;
+constexpr size_t kReadAhead = 16 * 1024;
 
 // Per-thread storage, kept for the thread's life so that large calls do not
 // allocate and free (and fault in) big blocks every time.
@@ -43,9 +44,12 @@ Connection::Connection(int fd, Side side, Endpoint* endpoint, uint64_t id)
   socklen_t len = sizeof cred;
   if (getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) peer_pid_ = cred.pid;
   waiters_.reserve(16);
+  in_.resize(kReadAhead);
 }
 
-Connection::~Connection() { close(fd_); }
+Connection::~Connection() {
+  close(fd_);
+}
 
 void Connection::CloseWithLog(const char* format, ...) {
   char text[256];
@@ -223,6 +227,15 @@ bool Connection::PendingWaitersLocked() const {
 void Connection::GiveUpReadSideLocked() {
   reader_busy_ = false;
   if (closed_) return;
+  if (in_end_ > in_begin_ && !PendingWaitersLocked()) {
+    // Bytes already read wait for a reader; the socket may never wake the
+    // monitor for them.
+    reader_busy_ = true;
+    DisarmLocked();
+    std::shared_ptr<Connection> self = shared_from_this();
+    endpoint_->Dispatch([self] { self->ServeAsReader(); });
+    return;
+  }
   bool pending = false;
   for (Waiter* waiter : waiters_) {
     if (!waiter->done) {
@@ -255,13 +268,14 @@ bool Connection::ClaimReadSide() {
   return true;
 }
 
-void Connection::ServeAsReader() { ReadLoop(nullptr); }
+void Connection::ServeAsReader() {
+  ReadLoop(nullptr);
+}
 
 void Connection::ReadLoop(Waiter* self) {
   for (;;) {
     FrameHeader header;
-    iovec iov{&header, sizeof header};
-    const RecvStatus status = RecvAll(fd_, &iov, 1);
+    const RecvStatus status = ReadHeader(&header);
     if (status == RecvStatus::kIdle) {
       std::unique_lock<std::mutex> lock(mutex_);
       if (closed_) break;
@@ -333,15 +347,59 @@ void Connection::ReadLoop(Waiter* self) {
   GiveUpReadSide();
 }
 
+RecvStatus Connection::ReadHeader(FrameHeader* header) {
+  while (in_end_ - in_begin_ < sizeof *header) {
+    if (in_begin_ > 0) {
+      memmove(in_.data(), in_.data() + in_begin_, in_end_ - in_begin_);
+      in_end_ -= in_begin_;
+      in_begin_ = 0;
+    }
+    const ssize_t got = recv(fd_, in_.data() + in_end_, in_.size() - in_end_, 0);
+    if (got > 0) {
+      in_end_ += static_cast<size_t>(got);
+      continue;
+    }
+    const bool started = in_end_ > 0;
+    if (got == 0) return started ? RecvStatus::kTruncated : RecvStatus::kClosed;
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      return started ? RecvStatus::kStalled : RecvStatus::kIdle;
+    }
+    return RecvStatus::kError;
+  }
+  memcpy(header, in_.data() + in_begin_, sizeof *header);
+  in_begin_ += sizeof *header;
+  return RecvStatus::kOk;
+}
+
+RecvStatus Connection::Fill(iovec* iov, int count) {
+  int first = 0;
+  while (first < count && in_end_ > in_begin_) {
+    const size_t n = std::min(iov[first].iov_len, in_end_ - in_begin_);
+    memcpy(iov[first].iov_base, in_.data() + in_begin_, n);
+    in_begin_ += n;
+    iov[first].iov_base = static_cast<uint8_t*>(iov[first].iov_base) + n;
+    iov[first].iov_len -= n;
+    if (iov[first].iov_len == 0) ++first;
+  }
+  if (in_begin_ == in_end_) in_begin_ = in_end_ = 0;
+  if (first == count) return RecvStatus::kOk;
+  const RecvStatus status = RecvAll(fd_, iov + first, count - first);
+  // The frame has started: running dry now is a stall, not idleness.
+  if (status == RecvStatus::kIdle) return RecvStatus::kStalled;
+  if (status == RecvStatus::kClosed) return RecvStatus::kTruncated;
+  return status;
+}
+
 bool Connection::ReadInvoke(const FrameHeader& header, InvokeFrame* frame) {
   frame->header = header;
   frame->arena.swap(t_arena);  // given back by the caller once served
   const size_t meta_size = InvokeMetaSize(header.counts);
-  const uint32_t read_now = header.body_size <= kInlineBody ? header.body_size
-                                                            : static_cast<uint32_t>(meta_size);
+  const uint32_t read_now =
+      header.body_size <= kInlineBody ? header.body_size : static_cast<uint32_t>(meta_size);
   EnsureSize(&t_scratch, std::max<uint64_t>(kInlineBody, 1));
   iovec iov{t_scratch.data(), read_now};
-  RecvStatus status = RecvAll(fd_, &iov, 1);
+  RecvStatus status = Fill(&iov, 1);
   if (status != RecvStatus::kOk) {
     CloseWithLog("peer stopped in the middle of a frame");
     return false;
@@ -370,7 +428,7 @@ bool Connection::ReadInvoke(const FrameHeader& header, InvokeFrame* frame) {
     memset(place + meta.sizes[i], 0, end - frame->offsets[i] - meta.sizes[i]);
   }
   if (count > 0) {
-    status = RecvAll(fd_, parts, count);
+    status = Fill(parts, count);
     if (status != RecvStatus::kOk) {
       CloseWithLog("peer stopped in the middle of a frame");
       return false;
@@ -439,7 +497,7 @@ bool Connection::HandleReply(const FrameHeader& header, Waiter* self, bool* mine
   uint8_t body[kMaxSlots * sizeof(ObjectRef)];
   if (header.body_size > 0) {
     iovec iov{body, header.body_size};
-    if (RecvAll(fd_, &iov, 1) != RecvStatus::kOk) {
+    if (Fill(&iov, 1) != RecvStatus::kOk) {
       CloseWithLog("peer stopped in the middle of a frame");
       return false;
     }
@@ -449,9 +507,8 @@ bool Connection::HandleReply(const FrameHeader& header, Waiter* self, bool* mine
   const char* bad = error != FrameError::kNone ? FrameErrorText(error) : nullptr;
   if (bad == nullptr) {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto it = std::find_if(waiters_.begin(), waiters_.end(), [&](Waiter* w) {
-      return w->call_id == header.call_id && !w->done;
-    });
+    auto it = std::find_if(waiters_.begin(), waiters_.end(),
+                           [&](Waiter* w) { return w->call_id == header.call_id && !w->done; });
     if (it == waiters_.end()) {
       bad = "answer to no call";
     } else if ((*it)->out_objs != header.counts) {
@@ -520,7 +577,9 @@ bool Connection::HandleRelease(const FrameHeader& header) {
 
 // --- serving ----------------------------------------------------------------
 
-void Connection::ServeHandedOver(InvokeFrame* frame) { Serve(frame, false); }
+void Connection::ServeHandedOver(InvokeFrame* frame) {
+  Serve(frame, false);
+}
 
 bool Connection::Serve(InvokeFrame* frame, bool retake) {
   const InvokeMeta& meta = frame->meta;
@@ -632,8 +691,8 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
         lock.lock();
         continue;
       }
-      if (waiter.cv.wait_until(lock, waiter.deadline) == std::cv_status::timeout &&
-          !waiter.done && !closed_) {
+      if (waiter.cv.wait_until(lock, waiter.deadline) == std::cv_status::timeout && !waiter.done &&
+          !closed_) {
         waiter.timed_out = true;
         lock.unlock();
         CloseWithLog("no answer within %u ms", timeout_ms_);

@@ -97,6 +97,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Reads frames until self's answer came (self not null) or the read side
   // was given up. Returns with the read side given up either way.
   void ReadLoop(Waiter* self);
+  // Reads through in_: one read often brings a whole small frame.
+  RecvStatus ReadHeader(FrameHeader* header);
+  RecvStatus Fill(iovec* iov, int count);
   bool ReadInvoke(const FrameHeader& header, InvokeFrame* frame);
   bool ResolveInvoke(InvokeFrame* frame);
   bool HandleReply(const FrameHeader& header, Waiter* self, bool* mine);
@@ -114,6 +117,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   pid_t peer_pid_ = 0;
 
   std::mutex write_mutex_;  // one frame at a time on the socket
+
+  // Bytes read ahead of the frame being handled; only the holder of the
+  // read side touches them.
+  std::vector<uint8_t> in_;
+  size_t in_begin_ = 0;
+  size_t in_end_ = 0;
 
   std::mutex mutex_;
   bool closed_ = false;

@@ -133,7 +133,9 @@ void Endpoint::Mute(int fd, uint64_t id) {
   epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, fd, &event);
 }
 
-void Endpoint::Forget(int fd) { epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr); }
+void Endpoint::Forget(int fd) {
+  epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
+}
 
 void Endpoint::Dispatch(std::function<void()> task) {
   std::lock_guard<std::mutex> lock(pool_mutex_);

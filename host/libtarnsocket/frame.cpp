@@ -7,7 +7,9 @@
 namespace tarnsocket {
 namespace {
 
-uint64_t AlignUp(uint64_t value) { return (value + kBufferAlign - 1) & ~(kBufferAlign - 1); }
+uint64_t AlignUp(uint64_t value) {
+  return (value + kBufferAlign - 1) & ~(kBufferAlign - 1);
+}
 
 bool ValidRef(const ObjectRef& ref) {
   if (ref.kind == kRefNull) return ref.handle == 0;

@@ -20,14 +20,14 @@ __attribute__((format(printf, 2, 0))) void Write(char letter, const char* format
   tm local{};
   localtime_r(&now.tv_sec, &local);
   char line[640];
-  const int head = snprintf(line, sizeof line, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5ld %c %s: ",
-                            local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                            local.tm_sec, now.tv_nsec / 1000000, getpid(),
-                            static_cast<long>(syscall(SYS_gettid)), letter, "tarnsocket");
+  const int head = snprintf(
+      line, sizeof line, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5ld %c %s: ", local.tm_mon + 1,
+      local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1000000, getpid(),
+      static_cast<long>(syscall(SYS_gettid)), letter, "tarnsocket");
   if (head < 0) return;
   size_t used = std::min(static_cast<size_t>(head), sizeof line - 2);
-  const size_t body = std::min(std::min(static_cast<size_t>(n), sizeof text - 1),
-                               sizeof line - 2 - used);
+  const size_t body =
+      std::min(std::min(static_cast<size_t>(n), sizeof text - 1), sizeof line - 2 - used);
   std::copy(text, text + body, line + used);
   used += body;
   line[used++] = '\n';

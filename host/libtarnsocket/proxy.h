@@ -23,7 +23,9 @@ struct Proxy {
 
 int32_t ProxyInvoke(void* context, uint32_t op, ObjectArg* args, uint32_t counts);
 
-inline Object ProxyObject(Proxy* proxy) { return Object{ProxyInvoke, proxy}; }
+inline Object ProxyObject(Proxy* proxy) {
+  return Object{ProxyInvoke, proxy};
+}
 
 // The proxy behind object if it is one, else null.
 inline Proxy* AsProxy(const Object& object) {

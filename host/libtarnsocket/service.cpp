@@ -22,7 +22,7 @@ std::mutex g_services_mutex;
 std::vector<Endpoint*>* g_services = new std::vector<Endpoint*>();
 
 bool CanServe(int fd) {
-  struct stat st{};
+  struct stat st {};
   if (fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) {
     LogError("Cannot serve on fd %d: not a socket", fd);
     return false;

@@ -97,11 +97,6 @@ int32_t Harness::Handle(uint32_t op, ObjectArg* args, uint32_t counts) {
       if (!IsNullObject(old)) ObjectRelease(old);
       return OBJECT_OK;
     }
-    case kOpCallStored: {
-      Object stored = Stored();
-      if (IsNullObject(stored)) return OBJECT_ERROR_INVALID;
-      return stored.invoke(stored.context, 0, args, counts);
-    }
     case kOpDropStored: {
       Object old;
       {

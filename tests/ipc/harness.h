@@ -18,16 +18,15 @@ namespace ipc_test {
 
 // Ops of the test root object.
 enum RootOp : uint32_t {
-  kOpChecksum = 0,      // in bufs: result = Checksum of all of them
-  kOpStoreCallback,     // 1 in obj: retained and kept
-  kOpCallStored,        // 1 in buf: delivered to the kept callback, its result returned
-  kOpDropStored,        // releases the kept callback
-  kOpGetCounted,        // 1 out obj: the root's counted object
-  kOpReturnInput,       // 1 in obj, 1 out obj: the same object back
-  kOpCheckSlack,        // in bufs: 0 if each is followed by 64 zero bytes
-  kOpBlock,             // waits until Harness::Unblock
-  kOpSendBig,           // 1 in buf (u64 size): delivers a patterned buffer to the kept callback
-  kOpNestedEcho,        // 1 in obj, 1 in buf: calls the object with the buffer; it calls back
+  kOpChecksum = 0,   // in bufs: result = Checksum of all of them
+  kOpStoreCallback,  // 1 in obj: retained and kept
+  kOpDropStored,     // releases the kept callback
+  kOpGetCounted,     // 1 out obj: the root's counted object
+  kOpReturnInput,    // 1 in obj, 1 out obj: the same object back
+  kOpCheckSlack,     // in bufs: Checksum if each is followed by 64 zero bytes, else 1
+  kOpBlock,          // waits until Harness::Unblock
+  kOpSendBig,        // 1 in buf (u64 size): delivers a patterned buffer to the kept callback
+  kOpNestedEcho,     // 1 in buf, 1 in obj: calls the object with the buffer, returns its result
 };
 
 // Deterministic content for large transfers.

@@ -100,8 +100,7 @@ TEST_F(IpcObjectsTest, CallbackCallsBackIntoTheServerDuringDelivery) {
   };
   ObjectArg args[2] = {Buf(payload, sizeof payload), Obj(callback.AsObject())};
   ObjectArg plain[1] = {Buf(payload, sizeof payload)};
-  EXPECT_EQ(CallObject(root, kOpNestedEcho, args, OBJECT_COUNTS(1, 0, 1, 0)),
-            Checksum(plain, 1));
+  EXPECT_EQ(CallObject(root, kOpNestedEcho, args, OBJECT_COUNTS(1, 0, 1, 0)), Checksum(plain, 1));
   EXPECT_EQ(callback.calls.load(), 1);
   ObjectRelease(root);
   // The lent callback was retained once while the server held it, and is

@@ -116,7 +116,9 @@ std::string PeerProcess::ReadLine() {
   return line;
 }
 
-void PeerProcess::Kill() { kill(pid_, SIGKILL); }
+void PeerProcess::Kill() {
+  kill(pid_, SIGKILL);
+}
 
 int PeerProcess::Wait() {
   if (!reaped_ && pid_ > 0) {

@@ -21,7 +21,7 @@ extern "C" {
 
 /* Results of calls on remote objects that the transport, not the remote
  * object, produced. */
-#define TARN_IPC_ERROR_DEAD (-32) /* the connection is gone (-EPIPE) */
+#define TARN_IPC_ERROR_DEAD (-32)     /* the connection is gone (-EPIPE) */
 #define TARN_IPC_ERROR_TIMEOUT (-110) /* no answer in time (-ETIMEDOUT) */
 
 /*
