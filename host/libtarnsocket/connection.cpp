@@ -28,7 +28,7 @@ constexpr size_t kReadAhead = 16 * 1024;
 
 // Per-thread storage, kept for the thread's life so that large calls do not
 // allocate and free (and fault in) big blocks every time.
-thread_local std::vector<uint8_t> t_arena;
+thread_local Arena t_arena;
 thread_local std::vector<uint8_t> t_scratch;
 
 void EnsureSize(std::vector<uint8_t>* buffer, uint64_t size) {
@@ -327,12 +327,12 @@ void Connection::ReadLoop(Waiter* self) {
       }
       InvokeFrame frame;
       if (!ReadInvoke(header, &frame) || !ResolveInvoke(&frame)) {
-        t_arena.swap(frame.arena);
+        t_arena.KeepLarger(frame.arena);
         break;
       }
       GiveUpReadSide();
       const bool retaken = Serve(&frame, true);
-      if (t_arena.capacity() < frame.arena.capacity()) t_arena.swap(frame.arena);
+      t_arena.KeepLarger(frame.arena);
       if (!retaken) return;
       continue;
     }
@@ -393,7 +393,7 @@ RecvStatus Connection::Fill(iovec* iov, int count) {
 
 bool Connection::ReadInvoke(const FrameHeader& header, InvokeFrame* frame) {
   frame->header = header;
-  frame->arena.swap(t_arena);  // given back by the caller once served
+  frame->arena.Swap(t_arena);  // given back by the caller once served
   const size_t meta_size = InvokeMetaSize(header.counts);
   const uint32_t read_now =
       header.body_size <= kInlineBody ? header.body_size : static_cast<uint32_t>(meta_size);
@@ -411,7 +411,10 @@ bool Connection::ReadInvoke(const FrameHeader& header, InvokeFrame* frame) {
   }
   const InvokeMeta& meta = frame->meta;
   const uint64_t arena_size = LayoutArena(meta, frame->offsets);
-  EnsureSize(&frame->arena, arena_size);
+  if (!frame->arena.Reserve(arena_size)) {
+    CloseWithLog("no memory for a call of %llu bytes", static_cast<unsigned long long>(arena_size));
+    return false;
+  }
   uint8_t* base = frame->arena.data();
   iovec parts[kMaxSlots];
   int count = 0;

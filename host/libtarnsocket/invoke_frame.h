@@ -6,8 +6,7 @@
 
 #include <stdint.h>
 
-#include <vector>
-
+#include "arena.h"
 #include "frame.h"
 #include "service/object.h"
 
@@ -17,7 +16,7 @@ struct InvokeFrame {
   FrameHeader header{};
   InvokeMeta meta;
   uint64_t offsets[kMaxSlots] = {};
-  std::vector<uint8_t> arena;
+  Arena arena;
   Object target = {nullptr, nullptr};
   uint32_t target_handle = 0;
   Object in_objects[kMaxSlots] = {};

@@ -2,6 +2,8 @@
 // identity, reference balance, buffer contents and slack.
 #include <string.h>
 
+#include <algorithm>
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -87,26 +89,46 @@ TEST_F(IpcObjectsTest, EightMegabytesBothWaysInOneProcess) {
   ObjectRelease(root);
 }
 
-TEST_F(IpcObjectsTest, CallbackCallsBackIntoTheServerDuringDelivery) {
-  Object root = served_.Connect();
-  const char payload[] = "nested";
-  Counted callback;
-  // Delivered from the server while our call to it is still open; calls the
-  // server once more from inside the delivery.
-  callback.on_call = [root](ObjectArg* in, uint32_t counts) -> int32_t {
-    if (counts != 1) return -1;
-    ObjectArg again[1] = {in[0]};
-    return CallObject(root, kOpChecksum, again, 1);
-  };
-  ObjectArg args[2] = {Buf(payload, sizeof payload), Obj(callback.AsObject())};
-  ObjectArg plain[1] = {Buf(payload, sizeof payload)};
-  EXPECT_EQ(CallObject(root, kOpNestedEcho, args, OBJECT_COUNTS(1, 0, 1, 0)), Checksum(plain, 1));
-  EXPECT_EQ(callback.calls.load(), 1);
-  ObjectRelease(root);
-  // The lent callback was retained once while the server held it, and is
-  // released once when the connection goes.
-  callback.WaitForReleases(callback.retains.load());
-  EXPECT_EQ(callback.Held(), 0);
+// A callback that, while delivered to, asks the server to deliver to it
+// again, until the depth in the buffer runs out: calls nest in both
+// directions on one connection.
+struct Recursive {
+  Object root;
+  Counted counted;
+  std::atomic<int> deepest{99};
+};
+
+int32_t NestedEcho(Object root, Object callback, uint32_t depth) {
+  ObjectArg args[2];
+  args[0].b = ObjectBuf{&depth, sizeof depth};
+  args[1].o = callback;
+  return CallObject(root, kOpNestedEcho, args, OBJECT_COUNTS(1, 0, 1, 0));
+}
+
+TEST_F(IpcObjectsTest, CallbacksCallBackIntoTheServerDuringDelivery) {
+  for (uint32_t depth : {0u, 1u, 4u}) {
+    Object root = served_.Connect();
+    Recursive recursive;
+    recursive.root = root;
+    Recursive* r = &recursive;
+    recursive.counted.on_call = [r](ObjectArg* in, uint32_t counts) -> int32_t {
+      uint32_t left;
+      if (counts != 1 || in[0].b.size != sizeof left) return -1;
+      memcpy(&left, in[0].b.ptr, sizeof left);
+      r->deepest = std::min<int>(r->deepest, static_cast<int>(left));
+      if (left == 0) return 100;
+      return NestedEcho(r->root, r->counted.AsObject(), left - 1) + 1;
+    };
+    EXPECT_EQ(NestedEcho(root, recursive.counted.AsObject(), depth), 100 + static_cast<int>(depth))
+        << depth;
+    EXPECT_EQ(recursive.deepest.load(), 0);
+    EXPECT_EQ(recursive.counted.calls.load(), static_cast<int>(depth) + 1);
+    ObjectRelease(root);
+    // Lent to the server on every call; retained once per export, released
+    // once each, the last when the connection went.
+    recursive.counted.WaitForReleases(recursive.counted.retains.load());
+    EXPECT_EQ(recursive.counted.Held(), 0);
+  }
 }
 
 TEST_F(IpcObjectsTest, ServerThreadReachesClientBlockedInItsOwnCall) {
@@ -170,26 +192,35 @@ TEST_F(IpcObjectsTest, ObjectsKeepTheirIdentityAndReferencesBalance) {
   EXPECT_EQ(served_.harness().root_counts.Held(), 0);
 }
 
-TEST_F(IpcObjectsTest, ConcurrentClientsEachGetTheirOwnAnswers) {
-  constexpr int kClients = 6;
+// Threads calling through separate connections and through one shared
+// connection, whose read side they then pass among themselves.
+TEST_F(IpcObjectsTest, ConcurrentCallersEachGetTheirOwnAnswers) {
+  constexpr int kThreads = 6;
   constexpr int kCalls = 200;
-  std::vector<std::thread> clients;
-  for (int c = 0; c < kClients; ++c) {
-    clients.emplace_back([this, c] {
-      Object root = served_.Connect();
-      Counted callback;
-      ASSERT_EQ(Store(root, callback.AsObject()), 0);
-      std::vector<uint8_t> data(64 + c * 1000);
-      for (int i = 0; i < kCalls; ++i) {
-        FillPattern(data.data(), data.size(), static_cast<uint32_t>(c * kCalls + i));
-        ObjectArg args[1] = {Buf(data.data(), data.size())};
-        ASSERT_EQ(CallObject(root, kOpChecksum, args, 1), Checksum(args, 1));
-      }
-      ObjectRelease(root);
-      callback.WaitForReleases(1);
-    });
+  for (bool shared : {false, true}) {
+    Object common = served_.Connect();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([this, t, shared, common] {
+        Object root = shared ? common : served_.Connect();
+        Counted callback;
+        std::vector<uint8_t> data(64 + t * 1000);
+        for (int i = 0; i < kCalls; ++i) {
+          FillPattern(data.data(), data.size(), static_cast<uint32_t>(t * kCalls + i));
+          ObjectArg args[1] = {Buf(data.data(), data.size())};
+          ASSERT_EQ(CallObject(root, kOpChecksum, args, 1), Checksum(args, 1));
+          if (i % 50 == 0) {
+            // Calls that come back to us, interleaved with everyone's.
+            ASSERT_EQ(NestedEcho(root, callback.AsObject(), 0), 7);
+          }
+        }
+        if (!shared) ObjectRelease(root);
+        callback.WaitForReleases(callback.retains.load());
+      });
+    }
+    for (auto& thread : threads) thread.join();
+    ObjectRelease(common);
   }
-  for (auto& client : clients) client.join();
 }
 
 }  // namespace
