@@ -170,11 +170,18 @@ void Connection::Unpin(uint32_t handle) {
 
 // --- writing ----------------------------------------------------------------
 
-int Connection::Send(iovec* iov, int count) {
+int Connection::Send(iovec* iov, int count, bool* reading) {
   int rc;
   {
     std::lock_guard<std::mutex> lock(write_mutex_);
-    rc = SendAll(fd_, iov, count, Clock::now() + std::chrono::milliseconds(timeout_ms_));
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms_);
+    const bool holding = reading != nullptr && *reading;
+    rc = SendAll(fd_, &iov, &count, deadline, holding);
+    if (rc == -EAGAIN) {
+      *reading = false;
+      GiveUpReadSide();
+      rc = SendAll(fd_, &iov, &count, deadline, false);
+    }
   }
   if (rc == -ETIMEDOUT) {
     CloseWithLog("peer took no data for %u ms", timeout_ms_);
@@ -615,20 +622,21 @@ bool Connection::Serve(InvokeFrame* frame, bool retake) {
   const bool retaken = retake && RetakeReadSide();
   uint8_t head[kMaxHeadSize];
   iovec iov{head, EncodeReply(head, frame->header.call_id, result, meta.out_objs, refs)};
-  Send(&iov, 1);
+  bool reading = retaken;
+  Send(&iov, 1, &reading);
   // The answer carried the references; ours go only now, so that a release
   // of a passed-back proxy cannot overtake the answer that names it.
   for (unsigned i = 0; i < meta.out_objs; ++i) {
     if (!IsNullObject(outs[i])) ObjectRelease(outs[i]);
   }
-  if (retaken) {
+  if (reading) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) {
       reader_busy_ = false;
       return false;
     }
   }
-  return retaken;
+  return reading;
 }
 
 // --- calling ----------------------------------------------------------------
@@ -674,7 +682,7 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
   for (unsigned i = 0; i < in_bufs; ++i) {
     if (sizes[i] > 0) iov[count++] = iovec{args[i].b.ptr, sizes[i]};
   }
-  const int sent = Send(iov, count);
+  const int sent = Send(iov, count, &reading);
 
   std::unique_lock<std::mutex> lock(mutex_);
   if (sent != 0) {

@@ -82,7 +82,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   ObjectRef Marshal(const Object& object);
   void Unpin(uint32_t handle);
-  int Send(iovec* iov, int count);
+  // Writes one frame. *reading: the caller holds the read side, and gives
+  // it up (clearing *reading) rather than block on a full socket with it,
+  // since the peer may be blocked writing to us in turn.
+  int Send(iovec* iov, int count, bool* reading = nullptr);
   void SendRelease(uint32_t handle, uint32_t count);
 
   // Read side; the *Locked helpers run under mutex_.

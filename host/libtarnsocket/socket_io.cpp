@@ -30,21 +30,21 @@ bool SetSocketTimeouts(int fd, uint32_t ms) {
          setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0;
 }
 
-int SendAll(int fd, iovec* iov, int count, Clock::time_point deadline) {
-  iov = Advance(iov, &count, 0);
-  while (count > 0) {
+int SendAll(int fd, iovec** iov, int* count, Clock::time_point deadline, bool dont_wait) {
+  *iov = Advance(*iov, count, 0);
+  while (*count > 0) {
     msghdr msg{};
-    msg.msg_iov = iov;
-    msg.msg_iovlen = static_cast<size_t>(count);
-    const ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL);
+    msg.msg_iov = *iov;
+    msg.msg_iovlen = static_cast<size_t>(*count);
+    const ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL | (dont_wait ? MSG_DONTWAIT : 0));
     if (sent < 0) {
       if (errno == EINTR) continue;
-      if (errno == EAGAIN || errno == EWOULDBLOCK) return -ETIMEDOUT;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return dont_wait ? -EAGAIN : -ETIMEDOUT;
       return -errno;
     }
-    iov = Advance(iov, &count, static_cast<size_t>(sent));
+    *iov = Advance(*iov, count, static_cast<size_t>(sent));
     // A peer that drains a byte now and then must not hold a writer forever.
-    if (count > 0 && Clock::now() > deadline) return -ETIMEDOUT;
+    if (*count > 0 && Clock::now() > deadline) return -ETIMEDOUT;
   }
   return 0;
 }

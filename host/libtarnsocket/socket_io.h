@@ -16,9 +16,10 @@ using Clock = std::chrono::steady_clock;
 // Sets both socket timeouts to ms.
 bool SetSocketTimeouts(int fd, uint32_t ms);
 
-// Writes all of iov (modified on the way). 0, or -ETIMEDOUT when the peer
-// took no bytes in time or the deadline passed, or another -errno.
-int SendAll(int fd, iovec* iov, int count, Clock::time_point deadline);
+// Writes all of *iov, advancing *iov and *count past what was written. 0,
+// or -ETIMEDOUT when the peer took no bytes in time or the deadline passed,
+// or another -errno. With dont_wait, -EAGAIN as soon as the socket is full.
+int SendAll(int fd, iovec** iov, int* count, Clock::time_point deadline, bool dont_wait);
 
 enum class RecvStatus {
   kOk,

@@ -105,6 +105,43 @@ int32_t NestedEcho(Object root, Object callback, uint32_t depth) {
   return CallObject(root, kOpNestedEcho, args, OBJECT_COUNTS(1, 0, 1, 0));
 }
 
+// Both directions full of megabytes while small calls go on: nobody may
+// sit on a connection's read side while blocked writing, or the two ends
+// would wait for each other until the call timeout.
+TEST_F(IpcObjectsTest, BigTransfersBothWaysAtOnceWithSmallCalls) {
+  constexpr uint64_t kBig = 4u << 20;
+  constexpr int kRounds = 4;
+  Object root = served_.Connect();
+  Counted callback;
+  callback.on_call = [](ObjectArg* in, uint32_t counts) -> int32_t {
+    return counts == 1 && in[0].b.size == kBig ? 0 : 1;
+  };
+  ASSERT_EQ(Store(root, callback.AsObject()), 0);
+  std::thread up([root] {
+    std::vector<uint8_t> data(kBig, 3);
+    ObjectArg args[1] = {Buf(data.data(), kBig)};
+    const int32_t expected = Checksum(args, 1);
+    for (int i = 0; i < kRounds; ++i) EXPECT_EQ(CallObject(root, kOpChecksum, args, 1), expected);
+  });
+  std::thread down([root] {
+    uint64_t size = kBig;
+    ObjectArg args[1] = {Buf(&size, sizeof size)};
+    for (int i = 0; i < kRounds; ++i) EXPECT_EQ(CallObject(root, kOpSendBig, args, 1), 0);
+  });
+  std::thread small([root] {
+    const char byte = 5;
+    ObjectArg args[1] = {Buf(&byte, 1)};
+    for (int i = 0; i < 100; ++i)
+      EXPECT_EQ(CallObject(root, kOpChecksum, args, 1), Checksum(args, 1));
+  });
+  up.join();
+  down.join();
+  small.join();
+  EXPECT_EQ(callback.calls.load(), kRounds);
+  EXPECT_EQ(CallObject(root, kOpDropStored, nullptr, 0), 0);
+  ObjectRelease(root);
+}
+
 TEST_F(IpcObjectsTest, CallbacksCallBackIntoTheServerDuringDelivery) {
   for (uint32_t depth : {0u, 1u, 4u}) {
     Object root = served_.Connect();
