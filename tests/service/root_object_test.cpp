@@ -1,5 +1,9 @@
 #include "service/root_object.h"
 
+#include "deauth/deauth_monitor_object.h"
+#include "scan/discovery_scan.h"
+#include "scan/ranging_scan.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -30,6 +34,24 @@ int32_t Invoke(const Call& call, Object* out) {
 std::vector<uint8_t> Id(uint32_t id) {
   return {static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8), static_cast<uint8_t>(id >> 16),
           static_cast<uint8_t>(id >> 24)};
+}
+
+TEST(RootObject, KnownInterfaceIdsHandOutTheirStatelessObjects) {
+  const struct {
+    uint32_t id;
+    Object expected;
+  } interfaces[] = {
+      {kInterfaceDiscoveryScan, CreateVelaDiscoveryScan()},
+      {kInterfaceRangingScan, CreateVelaRangingScan()},
+      {kInterfaceDeauthMonitor, CreateDeauthMonitor()},
+  };
+  for (const auto& interface : interfaces) {
+    Object out;
+    EXPECT_EQ(Invoke({0, 0x1001, Id(interface.id)}, &out), OBJECT_OK) << interface.id;
+    EXPECT_NE(out.invoke, nullptr);
+    EXPECT_EQ(out.invoke, interface.expected.invoke) << interface.id;
+    EXPECT_EQ(out.context, nullptr) << interface.id;
+  }
 }
 
 TEST(RootObject, UnknownInterfaceIdsClearTheOutputAndAnswerInvalid) {
