@@ -13,6 +13,7 @@
 #include "endpoint.h"
 #include "log.h"
 #include "tarnsocket/tarn_ipc.h"
+#include "thread_context.h"
 
 namespace tarnsocket {
 namespace {
@@ -75,7 +76,18 @@ void Connection::Close(const char* why) {
   shutdown(fd_, SHUT_RDWR);
   endpoint_->Forget(fd_);
   endpoint_->Remove(id_);
-  for (const Object& object : released) ObjectRelease(object);
+  ReleaseOwned(std::move(released));
+}
+
+void Connection::ReleaseOwned(std::vector<Object> objects) {
+  if (objects.empty()) return;
+  if (InLibraryContext()) {
+    for (const Object& object : objects) ObjectRelease(object);
+    return;
+  }
+  endpoint_->Dispatch([objects] {
+    for (const Object& object : objects) ObjectRelease(object);
+  });
 }
 
 void Connection::ExportRoot(const Object& root) {
@@ -165,7 +177,7 @@ void Connection::Unpin(uint32_t handle) {
     --entry->pinned;
     release = exports_.RemoveIfUnused(handle, &object);
   }
-  if (release) ObjectRelease(object);
+  if (release) ReleaseOwned({object});
 }
 
 // --- writing ----------------------------------------------------------------
@@ -581,7 +593,7 @@ bool Connection::HandleRelease(const FrameHeader& header) {
     CloseWithLog("malformed frame: release of references never given");
     return false;
   }
-  if (release) ObjectRelease(object);
+  if (release) ReleaseOwned({object});
   return true;
 }
 
@@ -605,8 +617,12 @@ bool Connection::Serve(InvokeFrame* frame, bool retake) {
   const unsigned first_out = slot;
   for (unsigned i = 0; i < meta.out_objs; ++i) args[slot++].o = kNullObject;
 
-  const int32_t result =
-      frame->target.invoke(frame->target.context, frame->header.code, args, frame->header.counts);
+  int32_t result;
+  {
+    ApplicationCallScope scope;
+    result =
+        frame->target.invoke(frame->target.context, frame->header.code, args, frame->header.counts);
+  }
 
   DropInputs(frame);
   Unpin(frame->target_handle);
@@ -617,6 +633,10 @@ bool Connection::Serve(InvokeFrame* frame, bool retake) {
     outs[i] = args[first_out + i].o;
     refs[i] = Marshal(outs[i]);
   }
+  // The export holds its own reference now; the one the call gave us goes.
+  for (unsigned i = 0; i < meta.out_objs; ++i) {
+    if (refs[i].kind == kRefSenderExport) ObjectRelease(outs[i]);
+  }
   // Take the read side back before answering, so that the caller's next
   // call does not wake the monitor.
   const bool retaken = retake && RetakeReadSide();
@@ -624,10 +644,10 @@ bool Connection::Serve(InvokeFrame* frame, bool retake) {
   iovec iov{head, EncodeReply(head, frame->header.call_id, result, meta.out_objs, refs)};
   bool reading = retaken;
   Send(&iov, 1, &reading);
-  // The answer carried the references; ours go only now, so that a release
-  // of a passed-back proxy cannot overtake the answer that names it.
+  // A passed-back proxy of this connection is let go only after the answer
+  // that names it, so that its release frame cannot overtake the answer.
   for (unsigned i = 0; i < meta.out_objs; ++i) {
-    if (!IsNullObject(outs[i])) ObjectRelease(outs[i]);
+    if (refs[i].kind == kRefReceiverExport) ObjectRelease(outs[i]);
   }
   if (reading) {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -82,6 +82,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   ObjectRef Marshal(const Object& object);
   void Unpin(uint32_t handle);
+  // Drops references the library held for the peer, on a worker if this
+  // thread is inside application code.
+  void ReleaseOwned(std::vector<Object> objects);
   // Writes one frame. *reading: the caller holds the read side, and gives
   // it up (clearing *reading) rather than block on a full socket with it,
   // since the peer may be blocked writing to us in turn.

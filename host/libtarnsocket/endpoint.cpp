@@ -9,6 +9,7 @@
 
 #include "connection.h"
 #include "log.h"
+#include "thread_context.h"
 
 namespace tarnsocket {
 namespace {
@@ -138,7 +139,13 @@ void Endpoint::Forget(int fd) {
 }
 
 void Endpoint::Dispatch(std::function<void()> task) {
-  std::lock_guard<std::mutex> lock(pool_mutex_);
+  std::unique_lock<std::mutex> lock(pool_mutex_);
+  if (pool_stopping_ && workers_.empty()) {
+    // Nobody is left to run it: the service has ended.
+    lock.unlock();
+    task();
+    return;
+  }
   tasks_.push_back(std::move(task));
   if (tasks_.size() <= idle_) {
     pool_cv_.notify_one();
@@ -156,6 +163,7 @@ void Endpoint::Dispatch(std::function<void()> task) {
 }
 
 void Endpoint::WorkerLoop() {
+  EnterWorkerThread();
   std::unique_lock<std::mutex> lock(pool_mutex_);
   for (;;) {
     ++idle_;

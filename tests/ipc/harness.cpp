@@ -40,6 +40,7 @@ int32_t Counted::Invoke(void* context, uint32_t op, ObjectArg* args, uint32_t co
       ++self->retains;
       return OBJECT_OK;
     case OBJECT_OP_RELEASE: {
+      if (self->on_release) self->on_release();
       std::lock_guard<std::mutex> lock(self->mutex);
       ++self->releases;
       self->changed.notify_all();

@@ -40,6 +40,7 @@ struct Counted {
   std::atomic<int> releases{0};
   std::atomic<int> calls{0};
   std::function<int32_t(ObjectArg*, uint32_t)> on_call;
+  std::function<void()> on_release;  // runs before a release is counted
   std::mutex mutex;
   std::condition_variable changed;
 

@@ -88,9 +88,16 @@ TEST(IpcPeerDeathTest, KilledClientReleasesWhatItHeldAndItsObjectsFailAtOnce) {
   EXPECT_EQ(harness.counted.Held(), 1);  // the library's reference for the peer
   Object callback = harness.Stored();
   ASSERT_FALSE(IsNullObject(callback));
+  harness.WaitBlocked();
 
+  // Like an event source that delivers under its lock, and whose objects
+  // take that lock when released: the peer's death, noticed by the
+  // delivering thread, must not run those releases on that thread.
+  std::mutex delivery;
+  harness.counted.on_release = [&delivery] { std::lock_guard<std::mutex> lock(delivery); };
   int32_t waiting_result = 0;
   std::thread caller([&] {
+    std::lock_guard<std::mutex> lock(delivery);
     const char byte = 0;
     ObjectArg args[1];
     args[0].b = ObjectBuf{const_cast<char*>(&byte), 1};
@@ -99,6 +106,7 @@ TEST(IpcPeerDeathTest, KilledClientReleasesWhatItHeldAndItsObjectsFailAtOnce) {
   ASSERT_EQ(peer.ReadLine(), "called");  // the peer now sits in its callback
   peer.Kill();
   caller.join();
+  harness.Unblock();
   EXPECT_NE(waiting_result, 0);
   EXPECT_EQ(CallObject(callback, 0, nullptr, 0), TARN_IPC_ERROR_DEAD);
 

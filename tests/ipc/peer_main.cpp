@@ -1,7 +1,8 @@
 // ipc_test_peer: the other process of the IPC tests.
 //   ipc_test_peer hold <socket>  takes a server object and leaves a callback
-//                                with the server, says "ready", then waits to
-//                                be killed; says "called" when called.
+//                                with the server, says "ready", blocks in a
+//                                server call and waits to be killed; says
+//                                "called" when called.
 //   ipc_test_peer big <socket>   moves 8 MiB each way; exit status 0 if
 //                                every byte arrived.
 #include <signal.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 #include "harness.h"
@@ -41,6 +43,10 @@ int Hold(Object root) {
   in[0].o = callback.AsObject();
   if (Call(root, ipc_test::kOpStoreCallback, in, OBJECT_COUNTS(0, 0, 1, 0)) != 0) return 3;
   Say("ready\n");
+  // Keeps a call open in the server, so that its worker is busy serving
+  // and a server thread calling us reads our answer itself.
+  std::thread blocked([root] { Call(root, ipc_test::kOpBlock, nullptr, 0); });
+  blocked.detach();
   for (;;) pause();
 }
 
@@ -65,6 +71,7 @@ int Big(Object root) {
   send[0].b = ObjectBuf{&size, sizeof size};
   if (Call(root, ipc_test::kOpSendBig, send, 1) != 0) return 4;
   if (Call(root, ipc_test::kOpDropStored, nullptr, 0) != 0) return 5;
+  callback.WaitForReleases(callback.retains.load());
   if (callback.Held() != 0) return 6;
   ObjectRelease(root);
   return 0;
