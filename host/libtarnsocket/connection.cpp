@@ -271,6 +271,9 @@ void Connection::GiveUpReadSide() {
 }
 
 bool Connection::RetakeReadSide() {
+  // A worker that waits on a quiet socket is not free for other
+  // connections: with work queued, leave the socket to the monitor.
+  if (endpoint_->Saturated()) return false;
   std::lock_guard<std::mutex> lock(mutex_);
   if (closed_ || reader_busy_) return false;
   if (!NeedsWatchLocked() && !PendingWaitersLocked()) return false;

@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint64_t kWakeId = 1;
 constexpr uint64_t kListenId = 2;
-constexpr size_t kMaxWorkers = 64;
+constexpr size_t kMaxWorkers = 256;
 constexpr int kAcceptBackoffMs = 100;
 
 bool TransientAcceptError(int error) {
@@ -160,6 +160,11 @@ void Endpoint::Dispatch(std::function<void()> task) {
     }
   }
   pool_cv_.notify_one();
+}
+
+bool Endpoint::Saturated() {
+  std::lock_guard<std::mutex> lock(pool_mutex_);
+  return !tasks_.empty();
 }
 
 void Endpoint::WorkerLoop() {

@@ -45,6 +45,8 @@ class Endpoint {
   void Forget(int fd);
 
   void Dispatch(std::function<void()> task);
+  // True when tasks wait for a free worker.
+  bool Saturated();
 
  private:
   void MonitorLoop();
