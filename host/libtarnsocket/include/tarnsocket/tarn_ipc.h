@@ -33,8 +33,8 @@ extern "C" {
  */
 void* TarnIPC_startServiceOnSocket(int fd, ObjectInvoke invoke, void* context);
 
-/* Blocks until the service ends: accept() failed with a non-transient error
- * or TarnIPC_stopService was called. By then every connection is closed, the
+/* Blocks until the service ends: accept() failed with a non-transient error,
+ * the listening socket was shut down, or TarnIPC_stopService was called. By then every connection is closed, the
  * references its peer held are released and the library's threads of this
  * service have exited. */
 void TarnIPC_join(void* service);
