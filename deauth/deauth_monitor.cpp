@@ -46,8 +46,7 @@ void DeauthMonitor::OnDeauth(int wiphy, int ifindex, int reason, bool by_ap) {
     DeauthEvent event{wiphy, ifindex, reason, by_ap ? 1u : 0u};
     ObjectArg arg;
     arg.b = ObjectBuf{&event, sizeof event};
-    const Object& callback = entry.second;
-    callback.invoke(callback.context, OBJECT_OP_METHOD, &arg, kDeliveryCounts);
+    ObjectCall(entry.second, OBJECT_OP_METHOD, &arg, kDeliveryCounts);
   }
 }
 

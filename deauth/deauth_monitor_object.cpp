@@ -17,7 +17,7 @@ int32_t deauth_monitor_invoke(void* /*context*/, uint32_t op, ObjectArg* args, u
   // Stateless and never destroyed: references are not counted.
   if (o == OBJECT_OP_RETAIN || o == OBJECT_OP_RELEASE) return OBJECT_OK;
   if (o != OBJECT_OP_METHOD || counts != kRegisterCounts) return OBJECT_ERROR_INVALID;
-  // The callback is not checked, not even for null; kept on purpose.
+  // The callback is not checked: a null one is registered like any other.
   DeauthMonitor::Get().Listen(args[0].o, &args[1].o);
   return OBJECT_OK;
 }

@@ -14,11 +14,6 @@ constexpr char kTag[] = "tesk";
 constexpr bool kClientFlag = true;
 constexpr int kClientLogLevel = 2;
 
-// The dispatcher never looks at the result of a call on a remote object.
-void CallRemote(const Object& remote, uint32_t op) {
-  if (remote.invoke != nullptr) remote.invoke(remote.context, op, nullptr, 0);
-}
-
 }  // namespace
 
 VelaDispatcher& VelaDispatcher::Get() {
@@ -52,7 +47,7 @@ int32_t VelaDispatcher::SendRequest(ky_loc_fw::VELARequest* request, ResponseCal
   if (client->sendRequest(request) != 0) return -1;
 
   pending.emplace(request->getRequestId(), PendingRequest{std::move(callback), remote});
-  CallRemote(remote, OBJECT_OP_RETAIN);
+  ObjectRetain(remote);
   *handle_out = Object{Invoke, new RequestHandle{id, {1}}};
   return 0;
 }
@@ -80,7 +75,7 @@ void VelaDispatcher::responseReceived(ky_loc_fw::VELAResponse* response) {
   }
   // Outside the lock: the callback may call back into the dispatcher.
   callback(response, remote);
-  CallRemote(remote, OBJECT_OP_RELEASE);
+  ObjectRelease(remote);
 }
 
 void VelaDispatcher::Release(unsigned int id) {
@@ -98,6 +93,6 @@ void VelaDispatcher::Release(unsigned int id) {
   }
   // The request keeps running in the location service; its response will
   // find no entry.
-  CallRemote(remote, OBJECT_OP_RELEASE);
+  ObjectRelease(remote);
   ky_loc_fw::log_debug(kTag, "Dispatcher: Aborted ID %d\n", static_cast<int>(id));
 }

@@ -52,7 +52,7 @@ void Deliver(Object callback, DiscoveryResponseHeader* header, const CommonRespo
   } else {
     args[1].b = args[2].b = args[3].b = ObjectBuf{nullptr, 0};
   }
-  callback.invoke(callback.context, OBJECT_OP_METHOD, args, kDiscoveryDeliveryCounts);
+  ObjectCall(callback, OBJECT_OP_METHOD, args, kDiscoveryDeliveryCounts);
 }
 
 // The discovery response function: marshals the full beacons and makes one

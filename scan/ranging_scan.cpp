@@ -50,7 +50,7 @@ void Deliver(Object callback, uint32_t* status, const RangingData* data) {
   } else {
     args[1].b = args[2].b = args[3].b = args[4].b = ObjectBuf{nullptr, 0};
   }
-  callback.invoke(callback.context, OBJECT_OP_METHOD, args, kRangingDeliveryCounts);
+  ObjectCall(callback, OBJECT_OP_METHOD, args, kRangingDeliveryCounts);
 }
 
 // The ranging response function: marshals plain and ranging measurements

@@ -68,13 +68,14 @@ constexpr Object kNullObject{nullptr, nullptr};
 
 inline bool IsNullObject(const Object& o) { return o.invoke == nullptr; }
 
-// Retain and release of an object we hold; their results are never examined.
-inline void ObjectRetain(const Object& o) {
-  o.invoke(o.context, OBJECT_OP_RETAIN, nullptr, 0);
+// Calls an object that a client handed over. A peer can hand over the null
+// object, so a call on it does nothing instead of jumping to address zero.
+// Results of calls on client objects are never examined.
+inline void ObjectCall(const Object& o, uint32_t op, ObjectArg* args, uint32_t counts) {
+  if (o.invoke != nullptr) o.invoke(o.context, op, args, counts);
 }
-inline void ObjectRelease(const Object& o) {
-  o.invoke(o.context, OBJECT_OP_RELEASE, nullptr, 0);
-}
+inline void ObjectRetain(const Object& o) { ObjectCall(o, OBJECT_OP_RETAIN, nullptr, 0); }
+inline void ObjectRelease(const Object& o) { ObjectCall(o, OBJECT_OP_RELEASE, nullptr, 0); }
 #endif
 
 #endif  // TESK_SERVICE_OBJECT_H_

@@ -119,6 +119,19 @@ TEST(DeauthMonitorTest, TokenCountsReferences) {
   EXPECT_EQ(callback.deliveries, 3);
 }
 
+TEST(DeauthMonitorTest, NullCallbackIsRegisteredButNeverCalled) {
+  // A peer can send the null object; it must not take the daemon down.
+  FakeCallback healthy;
+  const Object null_token = Register(kNullObject);
+  const Object healthy_token = Register(healthy.object());
+  EXPECT_EQ(null_token.invoke, &MonitorTokenInvoke);
+  DeauthMonitor::Get().OnDeauth(1, 2, 3, true);
+  EXPECT_EQ(healthy.deliveries, 1);
+  EXPECT_EQ(Call(null_token, 0xFFFF), 0);
+  Call(healthy_token, 0xFFFF);
+  EXPECT_EQ(healthy.releases, 1);
+}
+
 TEST(DeauthMonitorTest, FailingCallbackKeepsReceiving) {
   FakeCallback failing(nullptr, 5);
   FakeCallback healthy;
