@@ -13,7 +13,7 @@ std::shared_ptr<DeliveryQueue> DeliveryQueue::Start(VELAClientListener* listener
   try {
     queue->thread_ = std::thread([keep = queue] { keep->Run(); });
   } catch (const std::system_error& e) {
-    log_error("vela", "vela: cannot start the delivery thread: %s\n", e.what());
+    log_error("vela", "cannot start the delivery thread: %s\n", e.what());
     return nullptr;
   }
   queue->thread_id_ = queue->thread_.get_id();

@@ -145,12 +145,12 @@ std::vector<Answer> SimulatedClient::AnswersFor(const vela_test::SentRequest& re
 
 int SimulatedClient::sendRequest(VELARequest* request) {
   if (request == nullptr) {
-    log_error("vela", "vela: null request refused\n");
+    log_error("vela", "null request refused\n");
     return -1;
   }
   vela_test::SentRequest copy;
   if (!CopyRequest(*request, &copy)) {
-    log_error("vela", "vela: request %u of unknown type %d refused\n", request->getRequestId(),
+    log_error("vela", "request %u of unknown type %d refused\n", request->getRequestId(),
               request->getRequestType());
     return -1;
   }
@@ -171,7 +171,7 @@ int SimulatedClient::sendRequest(VELARequest* request) {
     }
   }
   if (last_early != 0) queue_->WaitStarted(last_early);
-  log_debug("vela", "vela: request %u of type %d %s\n", copy.requestId, copy.requestType,
+  log_debug("vela", "request %u of type %d %s\n", copy.requestId, copy.requestType,
             action.result == 0 ? "accepted" : "refused");
   return action.result;
 }

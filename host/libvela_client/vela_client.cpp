@@ -45,18 +45,18 @@ VELAClient* VELAClient::createInstance(VELAClientListener* listener, bool autoRe
                                        eLogLevel logLevel) {
   log_set_local_level_for_tag("vela", static_cast<int>(logLevel));
   if (listener == nullptr) {
-    log_error("vela", "vela: createInstance needs a listener\n");
+    log_error("vela", "createInstance needs a listener\n");
     return nullptr;
   }
   vela_sim::Scenario scenario;
   std::string source;
   std::string error;
   if (!LoadScenario(&scenario, &source, &error)) {
-    log_error("vela", "vela: bad scenario: %s\n", error.c_str());
+    log_error("vela", "bad scenario: %s\n", error.c_str());
     return nullptr;
   }
   if (scenario.refuseCreate) {
-    log_error("vela", "vela: the location service refused the connection (scenario %s)\n",
+    log_error("vela", "the location service refused the connection (scenario %s)\n",
               source.c_str());
     return nullptr;
   }
@@ -65,11 +65,11 @@ VELAClient* VELAClient::createInstance(VELAClientListener* listener, bool autoRe
   auto* client = new (std::nothrow) vela_sim::SimulatedClient(scenario, queue);
   if (client == nullptr) {
     queue->Stop();
-    log_error("vela", "vela: out of memory\n");
+    log_error("vela", "out of memory\n");
     return nullptr;
   }
   vela_sim::RegisterClient(client, queue);
-  log_info("vela", "vela: connected (scenario %s: %zu access points, latency %u ms%s)\n",
+  log_info("vela", "connected (scenario %s: %zu access points, latency %u ms%s)\n",
            source.c_str(), scenario.aps.size(), scenario.latencyMs,
            autoReconnect ? ", reconnecting" : "");
   return client;

@@ -369,11 +369,11 @@ TEST_F(VelaClientTest, ClientCannotBeCreatedWhenTheScenarioSaysSoOrIsBad) {
   vela_test::SetScenarioText("fault create\n");
   EXPECT_EQ(VELAClient::createInstance(&listener_, true, VELAClient::LOG_LEVEL_INFO), nullptr);
   EXPECT_TRUE(log.Has('E',
-                      "vela: the location service refused the connection (scenario set by "
+                      "the location service refused the connection (scenario set by "
                       "the test)\n"));
 
   EXPECT_EQ(VELAClient::createInstance(nullptr, true, VELAClient::LOG_LEVEL_INFO), nullptr);
-  EXPECT_TRUE(log.Has('E', "vela: createInstance needs a listener\n"));
+  EXPECT_TRUE(log.Has('E', "createInstance needs a listener\n"));
 
   vela_test::SetScenarioText(nullptr);
   char path[] = "/tmp/vela_scenario_XXXXXX";
@@ -385,10 +385,10 @@ TEST_F(VelaClientTest, ClientCannotBeCreatedWhenTheScenarioSaysSoOrIsBad) {
   setenv("VELA_SCENARIO", path, 1);
   EXPECT_EQ(VELAClient::createInstance(&listener_, true, VELAClient::LOG_LEVEL_INFO), nullptr);
   EXPECT_TRUE(log.Has(
-      'E', "vela: bad scenario: " + std::string(path) + ": line 2: unknown directive 'nope'\n"));
+      'E', "bad scenario: " + std::string(path) + ": line 2: unknown directive 'nope'\n"));
   unlink(path);
   EXPECT_EQ(VELAClient::createInstance(&listener_, true, VELAClient::LOG_LEVEL_INFO), nullptr);
-  EXPECT_TRUE(log.Has('E', "vela: bad scenario: " + std::string(path) +
+  EXPECT_TRUE(log.Has('E', "bad scenario: " + std::string(path) +
                                ": cannot open: 2 (No such file or directory)\n"));
   unsetenv("VELA_SCENARIO");
   EXPECT_EQ(vela_test::LiveClientCount(), 0);
@@ -570,13 +570,13 @@ TEST_F(VelaClientTest, RefusesNullAndUnknownRequests) {
   Start(kStreet);
   LogCapture log;
   EXPECT_NE(client_->sendRequest(nullptr), 0);
-  EXPECT_TRUE(log.Has('E', "vela: null request refused\n"));
+  EXPECT_TRUE(log.Has('E', "null request refused\n"));
   struct Odd : VELARequest {
     Odd() : VELARequest(3) {}
     int getRequestType() const override { return 9; }
   } odd;
   EXPECT_NE(client_->sendRequest(&odd), 0);
-  EXPECT_TRUE(log.Has('E', "vela: request 3 of unknown type 9 refused\n"));
+  EXPECT_TRUE(log.Has('E', "request 3 of unknown type 9 refused\n"));
   EXPECT_TRUE(vela_test::SentRequests().empty());
 }
 
