@@ -191,7 +191,7 @@ IeSummary SummariseIes(const uint8_t* data, size_t size) {
       case kIeRsn:
         if (rsn.empty()) rsn = FormatSuites("RSN", ParseRsnBody(element.data, element.length));
         break;
-      case kIeVendorSpecific: {
+      case kIeVendor: {
         if (element.length < 3) break;
         const Oui oui{element.data[0], element.data[1], element.data[2]};
         if (std::find(summary.vendor_ouis.begin(), summary.vendor_ouis.end(), oui) ==

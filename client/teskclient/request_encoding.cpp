@@ -11,10 +11,10 @@ void Append(Bytes* out, const T& record) {
   out->insert(out->end(), bytes, bytes + sizeof record);
 }
 
-RangingTarget NodeRecord(const RangingTargetSpec& spec) {
-  RangingTarget record = spec.values;
-  const WifiMacAddress mac = ToWire(spec.mac);
-  const WifiMacAddress peer = ToWire(spec.peer);
+RangingTarget NodeRecord(const RangingTargetPlan& plan) {
+  RangingTarget record = plan.values;
+  const WifiMacAddress mac = ToWire(plan.mac);
+  const WifiMacAddress peer = ToWire(plan.peer);
   record.macLo24 = mac.lo24;
   record.macHi24 = mac.hi24;
   record.peerLo24 = peer.lo24;
@@ -25,14 +25,14 @@ RangingTarget NodeRecord(const RangingTargetSpec& spec) {
 
 }  // namespace
 
-bool EncodeDiscoveryScan(const DiscoveryScanSpec& spec, EncodedDiscoveryScan* out,
+bool EncodeDiscoveryScan(const DiscoveryScanPlan& plan, EncodedDiscoveryScan* out,
                          std::string* error) {
   EncodedDiscoveryScan encoded;
-  DiscoveryScanParams params = spec.params;
+  DiscoveryScanParams params = plan.params;
   memset(params.reserved, 0, sizeof params.reserved);
   Append(&encoded.params, params);
-  for (uint32_t channel : spec.channels) Append(&encoded.channels, channel);
-  for (const Bytes& ssid : spec.ssids) {
+  for (uint32_t channel : plan.channels) Append(&encoded.channels, channel);
+  for (const Bytes& ssid : plan.ssids) {
     WifiSsid record{};
     if (ssid.size() > sizeof record.ssid) {
       *error = "SSID longer than 32 bytes";
@@ -42,16 +42,16 @@ bool EncodeDiscoveryScan(const DiscoveryScanSpec& spec, EncodedDiscoveryScan* ou
     if (!ssid.empty()) memcpy(record.ssid, ssid.data(), ssid.size());
     Append(&encoded.ssids, record);
   }
-  for (const MacAddress& bssid : spec.bssids) Append(&encoded.bssids, ToWire(bssid));
+  for (const MacAddress& bssid : plan.bssids) Append(&encoded.bssids, ToWire(bssid));
   *out = std::move(encoded);
   return true;
 }
 
-EncodedRangingScan EncodeRangingScan(const RangingScanSpec& spec) {
+EncodedRangingScan EncodeRangingScan(const RangingScanPlan& plan) {
   EncodedRangingScan encoded;
-  encoded.op = spec.periodic ? kRangingOpPeriodic : kRangingOpSingle;
-  for (const RangingTargetSpec& target : spec.targets) {
-    if (spec.periodic) {
+  encoded.op = plan.periodic ? kRangingOpPeriodic : kRangingOpSingle;
+  for (const RangingTargetPlan& target : plan.targets) {
+    if (plan.periodic) {
       PeriodicRangingTarget record{};
       record.node = NodeRecord(target);
       record.periodicValue1 = target.periodicValue1;
@@ -62,7 +62,7 @@ EncodedRangingScan EncodeRangingScan(const RangingScanSpec& spec) {
       Append(&encoded.targets, NodeRecord(target));
     }
   }
-  const RangingTimeValue ts = spec.ts;
+  const RangingTimeValue ts = plan.ts;
   Append(&encoded.ts, ts);
   return encoded;
 }

@@ -44,16 +44,16 @@ TEST(MacAddressTest, ParsesOnlyWellFormedText) {
 }
 
 TEST(RequestEncodingTest, DiscoveryBuffersHoldWholeRecords) {
-  teskclient::DiscoveryScanSpec spec;
-  spec.params.mode = 3;
-  spec.params.timeout = -5;
-  spec.params.reserved[0] = 9;
-  spec.channels = {1, 6, 11};
-  spec.ssids = {Bytes{'h', 'o', 'm', 'e'}, Bytes(32, 'x'), Bytes{}};
-  spec.bssids = {teskclient::MacAddress{1, 2, 3, 4, 5, 6}};
+  teskclient::DiscoveryScanPlan plan;
+  plan.params.mode = 3;
+  plan.params.timeout = -5;
+  plan.params.reserved[0] = 9;
+  plan.channels = {1, 6, 11};
+  plan.ssids = {Bytes{'h', 'o', 'm', 'e'}, Bytes(32, 'x'), Bytes{}};
+  plan.bssids = {teskclient::MacAddress{1, 2, 3, 4, 5, 6}};
   teskclient::EncodedDiscoveryScan encoded;
   std::string error;
-  ASSERT_TRUE(teskclient::EncodeDiscoveryScan(spec, &encoded, &error));
+  ASSERT_TRUE(teskclient::EncodeDiscoveryScan(plan, &encoded, &error));
   EXPECT_EQ(encoded.params.size(), 32u);
   EXPECT_EQ(At<DiscoveryScanParams>(encoded.params, 0).timeout, -5);
   EXPECT_EQ(At<DiscoveryScanParams>(encoded.params, 0).reserved[0], 0) << "reserved is zero";
@@ -68,23 +68,23 @@ TEST(RequestEncodingTest, DiscoveryBuffersHoldWholeRecords) {
   EXPECT_EQ(At<WifiMacAddress>(encoded.bssids, 0).hi24, 0x010203u);
   EXPECT_EQ(At<WifiMacAddress>(encoded.bssids, 0).lo24, 0x040506u);
 
-  spec.ssids.push_back(Bytes(33, 'y'));
-  EXPECT_FALSE(teskclient::EncodeDiscoveryScan(spec, &encoded, &error));
+  plan.ssids.push_back(Bytes(33, 'y'));
+  EXPECT_FALSE(teskclient::EncodeDiscoveryScan(plan, &encoded, &error));
   EXPECT_FALSE(error.empty());
 }
 
 TEST(RequestEncodingTest, RangingTargetsAre52Or64Bytes) {
-  teskclient::RangingScanSpec spec;
-  spec.ts = -1;
-  teskclient::RangingTargetSpec target;
+  teskclient::RangingScanPlan plan;
+  plan.ts = -1;
+  teskclient::RangingTargetPlan target;
   target.mac = {0xAA, 0xBB, 0xCC, 0x01, 0x02, 0x03};
   target.peer = {0x10, 0x20, 0x30, 0x40, 0x50, 0x60};
   target.values.nodeEnum2 = 3;
   target.values.padding[1] = 0xFF;
   target.periodicValue1 = 250;
-  spec.targets = {target, target};
+  plan.targets = {target, target};
 
-  const teskclient::EncodedRangingScan single = teskclient::EncodeRangingScan(spec);
+  const teskclient::EncodedRangingScan single = teskclient::EncodeRangingScan(plan);
   EXPECT_EQ(single.op, 0u);
   ASSERT_EQ(single.targets.size(), 104u);
   const auto record = At<RangingTarget>(single.targets, 1);
@@ -97,8 +97,8 @@ TEST(RequestEncodingTest, RangingTargetsAre52Or64Bytes) {
   EXPECT_EQ(At<int64_t>(single.ts, 0), -1);
   EXPECT_EQ(single.ts.size(), 8u);
 
-  spec.periodic = true;
-  const teskclient::EncodedRangingScan periodic = teskclient::EncodeRangingScan(spec);
+  plan.periodic = true;
+  const teskclient::EncodedRangingScan periodic = teskclient::EncodeRangingScan(plan);
   EXPECT_EQ(periodic.op, 1u);
   ASSERT_EQ(periodic.targets.size(), 128u);
   EXPECT_EQ(At<PeriodicRangingTarget>(periodic.targets, 1).periodicValue1, 250u);

@@ -64,15 +64,15 @@ Client::~Client() {
   if (!IsNullObject(service_)) ObjectRelease(service_);
 }
 
-int32_t Client::StartDiscovery(const teskclient::DiscoveryScanSpec& spec) {
+int32_t Client::StartDiscovery(const teskclient::DiscoveryScanPlan& plan) {
   teskclient::EncodedDiscoveryScan request;
   std::string error;
-  if (!teskclient::EncodeDiscoveryScan(spec, &request, &error)) return -1;
+  if (!teskclient::EncodeDiscoveryScan(plan, &request, &error)) return -1;
   return teskclient::StartDiscoveryScan(service_, request, callback_, &handle_);
 }
 
-int32_t Client::StartRanging(const teskclient::RangingScanSpec& spec) {
-  return teskclient::StartRangingScan(service_, teskclient::EncodeRangingScan(spec), callback_,
+int32_t Client::StartRanging(const teskclient::RangingScanPlan& plan) {
+  return teskclient::StartRangingScan(service_, teskclient::EncodeRangingScan(plan), callback_,
                                       &handle_);
 }
 

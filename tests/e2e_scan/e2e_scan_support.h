@@ -59,8 +59,8 @@ class Client {
   ~Client();
   bool ok() const { return !IsNullObject(service_); }
 
-  int32_t StartDiscovery(const teskclient::DiscoveryScanSpec& spec);
-  int32_t StartRanging(const teskclient::RangingScanSpec& spec);
+  int32_t StartDiscovery(const teskclient::DiscoveryScanPlan& plan);
+  int32_t StartRanging(const teskclient::RangingScanPlan& plan);
   // Waits for the first delivery; false if none came within kPatience.
   bool WaitForDelivery();
   void ReleaseHandle();

@@ -38,11 +38,11 @@ TEST(ScanConcurrency, ConcurrentClientsEachGetTheirOwnResults) {
     threads.emplace_back([&, i] {
       Client client(daemon.socket_path(), teskclient::kDiscoveryScanInterface);
       if (!client.ok()) return;
-      teskclient::DiscoveryScanSpec spec;
+      teskclient::DiscoveryScanPlan plan;
       teskclient::MacAddress mac;
       teskclient::ParseMacAddress(Bssid(i + 1), &mac);
-      spec.bssids.push_back(mac);  // each client asks for a different station
-      if (client.StartDiscovery(spec) != 0 || !client.WaitForDelivery()) return;
+      plan.bssids.push_back(mac);  // each client asks for a different station
+      if (client.StartDiscovery(plan) != 0 || !client.WaitForDelivery()) return;
       const auto collected = client.collected();
       std::lock_guard<std::mutex> lock(collected->mutex);
       deliveries[i] = collected->deliveries;

@@ -67,9 +67,9 @@ TEST(ScanEndToEnd, ThreeBeaconsArriveAs480BytesInTheResponsesOrder) {
   ScenarioDaemon daemon(ThreeApScenario());
   Client client(daemon.socket_path(), teskclient::kDiscoveryScanInterface);
   ASSERT_TRUE(client.ok());
-  teskclient::DiscoveryScanSpec spec;
-  spec.params.band = 2;
-  ASSERT_EQ(client.StartDiscovery(spec), 0);
+  teskclient::DiscoveryScanPlan plan;
+  plan.params.band = 2;
+  ASSERT_EQ(client.StartDiscovery(plan), 0);
   ASSERT_TRUE(client.WaitForDelivery());
 
   const auto collected = client.collected();
@@ -103,14 +103,14 @@ TEST(ScanEndToEnd, RangingAnswerWithOnePlainAndOneRangingMeasurement) {
       "range 02:00:00:00:0a:02 distance=4200 spread=150 rssi=-52\n");
   Client client(daemon.socket_path(), teskclient::kRangingScanInterface);
   ASSERT_TRUE(client.ok());
-  teskclient::RangingScanSpec spec;
-  spec.ts = 1234;
+  teskclient::RangingScanPlan plan;
+  plan.ts = 1234;
   for (const char* mac : {"02:00:00:00:0a:01", "02:00:00:00:0a:02"}) {
-    teskclient::RangingTargetSpec target;
+    teskclient::RangingTargetPlan target;
     ASSERT_TRUE(teskclient::ParseMacAddress(mac, &target.mac));
-    spec.targets.push_back(target);
+    plan.targets.push_back(target);
   }
-  ASSERT_EQ(client.StartRanging(spec), 0);
+  ASSERT_EQ(client.StartRanging(plan), 0);
   ASSERT_TRUE(client.WaitForDelivery());
 
   const auto collected = client.collected();

@@ -17,10 +17,11 @@ namespace {
 
 void PrintRangeUsage(FILE* out) {
   fprintf(out,
-          "usage: teskctl [GLOBAL OPTIONS] range [--periodic] [--ts N] [--target] SPEC...\n"
+          "usage: teskctl [GLOBAL OPTIONS] range [--periodic] [--ts N] [--target] TARGET...\n"
           "Runs one ranging scan and prints the measurements.\n"
           "\n"
-          "  [--target] SPEC a target station (repeatable): its MAC address, then\n"
+          "  [--target] TARGET\n"
+          "                  a target station (repeatable): its MAC address, then\n"
           "                  optional comma-separated KEY=VALUE node values:\n"
           "                    peer=MAC        second address of the node\n"
           "                    v1, v2, v3      nodeValue1..3: primary, centre 0, centre 1 MHz\n"
@@ -43,7 +44,7 @@ int Usage(const char* what, const std::string& detail) {
   return kExitUsage;
 }
 
-bool SetValue(teskclient::RangingTargetSpec* target, const std::string& key,
+bool SetValue(teskclient::RangingTargetPlan* target, const std::string& key,
               const std::string& text) {
   if (key == "peer") return teskclient::ParseMacAddress(text, &target->peer);
   struct Field {
@@ -81,13 +82,13 @@ bool SetValue(teskclient::RangingTargetSpec* target, const std::string& key,
   return false;
 }
 
-bool ParseTarget(const std::string& spec, teskclient::RangingTargetSpec* target) {
-  const size_t comma = spec.find(',');
-  if (!teskclient::ParseMacAddress(spec.substr(0, comma), &target->mac)) return false;
+bool ParseTarget(const std::string& text, teskclient::RangingTargetPlan* target) {
+  const size_t comma = text.find(',');
+  if (!teskclient::ParseMacAddress(text.substr(0, comma), &target->mac)) return false;
   size_t at = comma;
   while (at != std::string::npos) {
-    const size_t next = spec.find(',', at + 1);
-    const std::string item = spec.substr(at + 1, next == std::string::npos ? next : next - at - 1);
+    const size_t next = text.find(',', at + 1);
+    const std::string item = text.substr(at + 1, next == std::string::npos ? next : next - at - 1);
     const size_t equals = item.find('=');
     if (equals == std::string::npos ||
         !SetValue(target, item.substr(0, equals), item.substr(equals + 1))) {
@@ -101,7 +102,7 @@ bool ParseTarget(const std::string& spec, teskclient::RangingTargetSpec* target)
 }  // namespace
 
 int RunRangeCommand(const GlobalOptions& options, int argc, char** argv) {
-  teskclient::RangingScanSpec spec;
+  teskclient::RangingScanPlan plan;
   Arguments args(argc, argv, 1);
   while (!args.Done()) {
     std::string value;
@@ -110,26 +111,26 @@ int RunRangeCommand(const GlobalOptions& options, int argc, char** argv) {
       PrintRangeUsage(stdout);
       return kExitOk;
     } else if (args.Flag("--periodic")) {
-      spec.periodic = true;
+      plan.periodic = true;
     } else if (args.Option("--ts", &value, &missing)) {
-      if (missing || !ParseInt64(value, &spec.ts)) return Usage("bad --ts: ", value);
+      if (missing || !ParseInt64(value, &plan.ts)) return Usage("bad --ts: ", value);
     } else if (args.Option("--target", &value, &missing)) {
-      teskclient::RangingTargetSpec target;
+      teskclient::RangingTargetPlan target;
       if (missing || !ParseTarget(value, &target)) return Usage("bad --target: ", value);
-      spec.targets.push_back(target);
+      plan.targets.push_back(target);
     } else if (args.Current()[0] != '-') {
-      // A bare target spec is the same as --target SPEC.
-      teskclient::RangingTargetSpec target;
+      // A bare target is the same as --target TARGET.
+      teskclient::RangingTargetPlan target;
       value = args.Current();
       if (!ParseTarget(value, &target)) return Usage("bad target: ", value);
-      spec.targets.push_back(target);
+      plan.targets.push_back(target);
       args.Skip();
     } else {
       return Usage("unknown option ", args.Current());
     }
   }
 
-  const teskclient::EncodedRangingScan request = teskclient::EncodeRangingScan(spec);
+  const teskclient::EncodedRangingScan request = teskclient::EncodeRangingScan(plan);
   using Slot = DeliverySlot<teskclient::RangingResults>;
   auto slot = std::make_shared<Slot>();
   const int status = RunScan(

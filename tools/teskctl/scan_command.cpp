@@ -93,8 +93,8 @@ bool ParseHex(const std::string& text, teskclient::Bytes* bytes) {
 }  // namespace
 
 int RunScanCommand(const GlobalOptions& options, int argc, char** argv) {
-  teskclient::DiscoveryScanSpec spec;
-  spec.params.band = 2;
+  teskclient::DiscoveryScanPlan plan;
+  plan.params.band = 2;
   Arguments args(argc, argv, 1);
   while (!args.Done()) {
     std::string value;
@@ -104,52 +104,52 @@ int RunScanCommand(const GlobalOptions& options, int argc, char** argv) {
       PrintScanUsage(stdout);
       return kExitOk;
     } else if (args.Flag("--cache-flag")) {
-      spec.params.cache_flag = 1;
+      plan.params.cache_flag = 1;
     } else if (args.Flag("--scan-flag")) {
-      spec.params.scan_flag = 1;
+      plan.params.scan_flag = 1;
     } else if (args.Option("--mode", &value, &missing)) {
-      if (missing || !ParseMode(value, &spec.params.mode)) return Usage("bad --mode: ", value);
+      if (missing || !ParseMode(value, &plan.params.mode)) return Usage("bad --mode: ", value);
     } else if (args.Option("--band", &value, &missing)) {
       if (missing || !ParseUint(value, UINT32_MAX, &number)) return Usage("bad --band: ", value);
-      spec.params.band = static_cast<uint32_t>(number);
+      plan.params.band = static_cast<uint32_t>(number);
     } else if (args.Option("--channels", &value, &missing)) {
-      if (missing || !ParseChannels(value, &spec.channels)) {
+      if (missing || !ParseChannels(value, &plan.channels)) {
         return Usage("bad --channels: ", value);
       }
     } else if (args.Option("--ssid", &value, &missing)) {
       if (missing || value.size() > 32) return Usage("bad --ssid (1 to 32 bytes): ", value);
-      spec.ssids.emplace_back(value.begin(), value.end());
+      plan.ssids.emplace_back(value.begin(), value.end());
     } else if (args.Option("--ssid-hex", &value, &missing)) {
       teskclient::Bytes ssid;
       if (missing || !ParseHex(value, &ssid) || ssid.size() > 32) {
         return Usage("bad --ssid-hex (up to 32 bytes as hex): ", value);
       }
-      spec.ssids.push_back(ssid);
+      plan.ssids.push_back(ssid);
     } else if (args.Option("--bssid", &value, &missing)) {
       teskclient::MacAddress mac;
       if (missing || !teskclient::ParseMacAddress(value, &mac)) {
         return Usage("bad --bssid: ", value);
       }
-      spec.bssids.push_back(mac);
+      plan.bssids.push_back(mac);
     } else if (args.Option("--scan-timeout", &value, &missing)) {
-      if (missing || !ParseInt64(value, &spec.params.timeout)) {
+      if (missing || !ParseInt64(value, &plan.params.timeout)) {
         return Usage("bad --scan-timeout: ", value);
       }
     } else if (args.Option("--scan-type", &value, &missing)) {
       if (missing || !ParseUint(value, UINT32_MAX, &number)) {
         return Usage("bad --scan-type: ", value);
       }
-      spec.params.scan_type = static_cast<uint32_t>(number);
+      plan.params.scan_type = static_cast<uint32_t>(number);
     } else if (args.Option("--age-filter", &value, &missing)) {
       if (missing || !ParseUint(value, UINT32_MAX, &number)) {
         return Usage("bad --age-filter: ", value);
       }
-      spec.params.age_filter = static_cast<uint32_t>(number);
+      plan.params.age_filter = static_cast<uint32_t>(number);
     } else if (args.Option("--fallback-param", &value, &missing)) {
       if (missing || !ParseUint(value, UINT32_MAX, &number)) {
         return Usage("bad --fallback-param: ", value);
       }
-      spec.params.fallback_param = static_cast<uint32_t>(number);
+      plan.params.fallback_param = static_cast<uint32_t>(number);
     } else {
       return Usage("unknown option ", args.Current());
     }
@@ -157,7 +157,7 @@ int RunScanCommand(const GlobalOptions& options, int argc, char** argv) {
 
   teskclient::EncodedDiscoveryScan request;
   std::string error;
-  if (!teskclient::EncodeDiscoveryScan(spec, &request, &error)) return Usage(error.c_str(), "");
+  if (!teskclient::EncodeDiscoveryScan(plan, &request, &error)) return Usage(error.c_str(), "");
 
   using Slot = DeliverySlot<teskclient::DiscoveryResults>;
   auto slot = std::make_shared<Slot>();

@@ -16,7 +16,7 @@ constexpr uint8_t kIeSsid = 0;
 constexpr uint8_t kIeDsParameterSet = 3;
 constexpr uint8_t kIeRsn = 48;
 constexpr uint8_t kIeHtOperation = 61;
-constexpr uint8_t kIeVendorSpecific = 221;
+constexpr uint8_t kIeVendor = 221;
 
 struct InformationElement {
   uint8_t id = 0;

@@ -13,7 +13,7 @@ namespace teskclient {
 
 using Bytes = std::vector<uint8_t>;
 
-struct DiscoveryScanSpec {
+struct DiscoveryScanPlan {
   DiscoveryScanParams params{};
   std::vector<uint32_t> channels;  // empty: the band in params is scanned
   std::vector<Bytes> ssids;        // raw SSID bytes; longer than 32 is refused
@@ -29,12 +29,12 @@ struct EncodedDiscoveryScan {
 };
 
 // False (and *error says why) when an SSID is longer than 32 bytes.
-bool EncodeDiscoveryScan(const DiscoveryScanSpec& spec, EncodedDiscoveryScan* out,
+bool EncodeDiscoveryScan(const DiscoveryScanPlan& plan, EncodedDiscoveryScan* out,
                          std::string* error);
 
 // A ranging target as the client describes it; the wire form splits the
 // addresses and the periodic part is used only by periodic scans.
-struct RangingTargetSpec {
+struct RangingTargetPlan {
   MacAddress mac{};
   MacAddress peer{};
   RangingTarget values{};  // everything but the two addresses
@@ -43,10 +43,10 @@ struct RangingTargetSpec {
   uint8_t periodicByte = 0;
 };
 
-struct RangingScanSpec {
+struct RangingScanPlan {
   bool periodic = false;
   int64_t ts = 0;
-  std::vector<RangingTargetSpec> targets;
+  std::vector<RangingTargetPlan> targets;
 };
 
 struct EncodedRangingScan {
@@ -55,7 +55,7 @@ struct EncodedRangingScan {
   Bytes ts;       // 8 bytes
 };
 
-EncodedRangingScan EncodeRangingScan(const RangingScanSpec& spec);
+EncodedRangingScan EncodeRangingScan(const RangingScanPlan& plan);
 
 }  // namespace teskclient
 

@@ -34,7 +34,7 @@ struct RangingResults : ScanRecords {
 };
 
 // False when the delivery's shape is wrong (counts, or buffer 0 not exactly
-// the header's or the status's size); the output is then unspecified.
+// the header's or the status's size); the output is then meaningless.
 bool DecodeDiscoveryDelivery(const ObjectArg* args, uint32_t counts, DiscoveryResults* out);
 bool DecodeRangingDelivery(const ObjectArg* args, uint32_t counts, RangingResults* out);
 
