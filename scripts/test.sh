@@ -40,10 +40,14 @@ run_fuzzers() {
 for stage in "${stages[@]}"; do
   echo "==== $stage"
   case "$stage" in
-    dev)  build dev && ctest --preset dev ;;
-    asan) build asan && ctest --preset asan ;;
-    fuzz) [ -d build/asan ] || build asan; run_fuzzers ;;
-    tsan) build tsan && ctest --preset tsan ;;
+    dev|asan|tsan)
+      build "$stage"
+      ctest --preset "$stage"
+      ;;
+    fuzz)
+      [ -d build/asan ] || build asan
+      run_fuzzers
+      ;;
     *) echo "unknown stage $stage" >&2; exit 64 ;;
   esac
 done
