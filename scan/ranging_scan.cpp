@@ -9,6 +9,7 @@
 #include "ky_loc_fw/vela_request.h"
 #include "ky_loc_fw/vela_response.h"
 #include "scan/marshal.h"
+#include "scan/object_buffers.h"
 #include "scan/response_data.h"
 #include "scan/scan_records.h"
 #include "scan/scan_request_records.h"
@@ -25,28 +26,14 @@ namespace {
 constexpr const char* kTag = "tesk";
 constexpr int kRangingResponseType = VELAResponse::RESPONSE_TYPE_RANGING_SCAN;
 
-template <typename T>
-T ReadRecord(const ObjectBuf& buf, size_t index) {
-  T record;
-  memcpy(&record, static_cast<const unsigned char*>(buf.ptr) + index * sizeof(T), sizeof(T));
-  return record;
-}
-
-template <typename T>
-ObjectBuf Flat(const ky_loc_fw::vector<T>& array) {
-  const uint32_t count = array.getCount();
-  return ObjectBuf{count != 0 ? const_cast<T*>(array.getData()) : nullptr,
-                   static_cast<uint64_t>(count) * sizeof(T)};
-}
-
 void Deliver(Object callback, uint32_t* status, const RangingData* data) {
   ObjectArg args[5];
   args[0].b = ObjectBuf{status, sizeof *status};
   if (data != nullptr) {
-    args[1].b = Flat(data->measurements);
-    args[2].b = Flat(data->infos);
-    args[3].b = Flat(data->bytes);
-    args[4].b = Flat(data->macs);
+    args[1].b = FlatBuffer(data->measurements);
+    args[2].b = FlatBuffer(data->infos);
+    args[3].b = FlatBuffer(data->bytes);
+    args[4].b = FlatBuffer(data->macs);
   } else {
     args[1].b = args[2].b = args[3].b = args[4].b = ObjectBuf{nullptr, 0};
   }
