@@ -101,9 +101,9 @@ class Logger {
   }
 
   // "2", "tesk=2,vector=0" or a mix; malformed items are skipped.
-  void ParseEnvironment(const char* spec) {
-    if (spec == nullptr) return;
-    std::string all(spec);
+  void ParseEnvironment(const char* text) {
+    if (text == nullptr) return;
+    std::string all(text);
     size_t start = 0;
     while (start <= all.size()) {
       size_t end = all.find(',', start);
