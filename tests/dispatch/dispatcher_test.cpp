@@ -1,312 +1,325 @@
-// The dispatcher against the simulated location service, with its answers
-// held back so that each test delivers chosen responses at chosen moments.
+// The dispatcher against the simulated location service and its built-in
+// neighbourhood, answers held back so that each test chooses when they come.
 #include "dispatch/vela_dispatcher.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <functional>
+#include <map>
 #include <memory>
-#include <set>
+#include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "dispatch/request_handle.h"
+#include "ky_loc_fw/log.h"
+#include "ky_loc_fw/log_capture.h"
 #include "ky_loc_fw/vela_test_control.h"
-#include "tests/dispatch/dispatch_fakes.h"
+#include "scan/marshal.h"
 
 namespace {
 
+namespace vela = ky_loc_fw;
 namespace vela_test = ky_loc_fw::vela_test;
-using dispatch_test::Call;
-using dispatch_test::DeliveryLog;
-using dispatch_test::FakeRemote;
-using dispatch_test::Line;
-using dispatch_test::LogCapture;
-using dispatch_test::NextId;
-using dispatch_test::Send;
-using ::testing::Contains;
-using ::testing::Not;
+using Bytes = std::vector<uint8_t>;
 
 constexpr char kReceived[] = "D Dispatcher: responseReceived for ID = %d\n";
 constexpr char kUnexpected[] = "W Dispatcher: Unexpected request ID %d\n";
 constexpr char kExpectedRelease[] = "D Dispatcher: Expected release for ID %d\n";
 constexpr char kAborted[] = "D Dispatcher: Aborted ID %d\n";
-constexpr int kRanging = ky_loc_fw::VELAResponse::RESPONSE_TYPE_RANGING_SCAN;
+constexpr char kNull[] = "W Dispatcher: received Null response.\n";
 
-// Creation runs in a fresh process, where the dispatcher does not exist yet.
-class DispatcherDeathTest : public ::testing::Test {
- protected:
-  void SetUp() override { ::testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+std::string Line(const std::string& format, unsigned int id) {
+  const size_t at = format.find("%d");
+  if (at == std::string::npos) return format;
+  return format.substr(0, at) + std::to_string(static_cast<int>(id)) + format.substr(at + 2);
+}
+
+int32_t Call(Object handle, uint32_t op) {
+  return handle.invoke(handle.context, op, nullptr, 0);
+}
+
+// A client's callback object as the dispatcher sees it.
+struct FakeRemote {
+  std::atomic<int> retains{0}, releases{0}, calls{0};
+  std::atomic<int> delivered{0};  // calls of the response function sent with it
+
+  Object object() { return Object{&FakeRemote::Invoke, this}; }
+  static int32_t Invoke(void* context, uint32_t op, ObjectArg*, uint32_t) {
+    auto* r = static_cast<FakeRemote*>(context);
+    const uint32_t code = op & OBJECT_OP_MASK;
+    ++(code == OBJECT_OP_RETAIN ? r->retains : code == OBJECT_OP_RELEASE ? r->releases : r->calls);
+    return 0;
+  }
 };
-
-TEST_F(DispatcherDeathTest, ExitsWhenTheClientCannotBeCreated) {
-  EXPECT_EXIT(
-      {
-        vela_test::SetScenarioText("fault create\n");
-        VelaDispatcher::Get();
-      },
-      ::testing::ExitedWithCode(255), "E tesk: Dispatcher: Could not create the VELAClient");
-}
-
-TEST_F(DispatcherDeathTest, LogsItsCreation) {
-  EXPECT_EXIT(
-      {
-        ky_loc_fw::log_set_local_level_for_tag("tesk", 2);
-        VelaDispatcher::Get();
-        exit(VelaDispatcher::Get().next_request_id.load() == 0 ? 3 : 4);
-      },
-      ::testing::ExitedWithCode(3), "D tesk: Dispatcher: initialized");
-}
 
 class DispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
     VelaDispatcher::Get();
+    Fresh();
+    vela::log_set_local_level_for_tag("tesk", 2);
+    vela::log_set_sink(&DispatcherTest::Sink, this, true);
+  }
+  void TearDown() override {
+    Fresh();
+    vela::log_set_sink(nullptr, nullptr, false);
+  }
+
+  // No answers due or held, no hook, nothing logged or delivered yet.
+  void Fresh() {
     vela_test::WaitIdle();
     vela_test::Reset();
     vela_test::HoldAnswers(true);
-  }
-  void TearDown() override {
-    vela_test::WaitIdle();
-    vela_test::Reset();
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
   }
 
-  // Answers `id` the way the service would, and waits until it was handled.
-  static void Answer(unsigned int id) {
-    vela_test::DeliverAndWait(vela_test::MakeResponseOfType(id, kRanging));
+  // A discovery scan `id` for `remote`, whose response function checks how
+  // it is called, counts the delivery and passes the response to `also`.
+  int32_t Send(unsigned int id, FakeRemote& remote, Object* handle,
+               std::function<void(vela::VELAResponse*)> also = nullptr) {
+    using Scan = vela::VELADiscoveryScanRequest;
+    std::unique_ptr<Scan> request(Scan::createFreshScanRequest(
+        id, Scan::BAND_ALL, Scan::SCAN_TYPE_ACTIVE, 0, 0, Scan::REQUEST_MODE_NORMAL, false));
+    const std::thread::id sender = std::this_thread::get_id();
+    auto record = [sender, &remote, also](vela::VELAResponse* response, Object object) {
+      EXPECT_NE(std::this_thread::get_id(), sender);  // the service's thread
+      EXPECT_EQ(object.context, &remote);
+      EXPECT_EQ(remote.releases, 0);  // still held while the call runs
+      if (also) also(response);
+      ++remote.delivered;
+    };
+    return VelaDispatcher::Get().SendRequest(request.get(), record, remote.object(), handle);
   }
 
-  LogCapture log_;
-  DeliveryLog deliveries_;
+  // Another answer to `id`, handled by the time this returns.
+  static void Answer(unsigned int id) { vela_test::DeliverAndWait(AnswerTo(id)); }
+  static vela::VELAResponse* AnswerTo(unsigned int id) {
+    return vela_test::MakeResponseOfType(id, vela::VELAResponse::RESPONSE_TYPE_RANGING_SCAN);
+  }
+
+  std::vector<std::string> Lines() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
+
+  std::mutex mutex_;
+  std::vector<std::string> lines_;  // of the tag "tesk", as "L text"
+
+ private:
+  static void Sink(void* context, char letter, const char* tag, const char* text) {
+    if (std::string(tag) != "tesk") return;
+    std::lock_guard<std::mutex> lock(static_cast<DispatcherTest*>(context)->mutex_);
+    static_cast<DispatcherTest*>(context)->lines_.push_back(std::string(1, letter) + " " + text);
+  }
 };
 
-TEST_F(DispatcherTest, DeliversOnceThenExpectsTheRelease) {
-  FakeRemote remote;
-  const unsigned int id = NextId();
-  Object handle = kNullObject;
-  ASSERT_EQ(Send(id, deliveries_, remote, &handle), 0);
-  EXPECT_EQ(handle.invoke, &Invoke);
-  EXPECT_EQ(remote.retains, 1);
-  ASSERT_EQ(vela_test::SentRequests().size(), 1u);
-  EXPECT_EQ(vela_test::SentRequests()[0].requestId, id);
-
-  Answer(id);
-  std::vector<dispatch_test::Delivery> all = deliveries_.All();
-  ASSERT_EQ(all.size(), 1u);
-  EXPECT_EQ(all[0].id, id);
-  EXPECT_EQ(all[0].remote, &remote);
-  EXPECT_NE(all[0].thread, std::this_thread::get_id());
-  EXPECT_EQ(all[0].releases_during_call, 0);
-  EXPECT_EQ(remote.releases, 1);
-  EXPECT_EQ(log_.Count(Line(kReceived, id)), 1);
-
-  // A repeated answer finds nothing.
-  Answer(id);
-  EXPECT_EQ(deliveries_.CountFor(id), 1);
-  EXPECT_EQ(log_.Count(Line(kReceived, id)), 2);
-  EXPECT_EQ(log_.Count(Line(kUnexpected, id)), 1);
-
-  EXPECT_EQ(Call(handle, OBJECT_OP_RELEASE), 0);
-  EXPECT_EQ(log_.Count(Line(kExpectedRelease, id)), 1);
-  EXPECT_EQ(remote.releases, 1);
-  EXPECT_EQ(remote.retains, 1);
-  EXPECT_EQ(remote.other_calls, 0);
+// In a fresh process each, where the dispatcher does not exist yet.
+TEST(DispatcherDeathTest, CreationIsLoggedAndExitsWhenTheClientCannotBeCreated) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_EXIT((vela_test::SetScenarioText("fault create\n"), VelaDispatcher::Get()),
+              ::testing::ExitedWithCode(255),
+              "E tesk: Dispatcher: Could not create the VELAClient");
+  EXPECT_EXIT((vela::log_set_local_level_for_tag("tesk", 2), VelaDispatcher::Get(), exit(0)),
+              ::testing::ExitedWithCode(0), "D tesk: Dispatcher: initialized");
 }
 
-TEST_F(DispatcherTest, ReleaseBeforeTheAnswerAbandonsTheRequest) {
-  FakeRemote remote;
-  const unsigned int id = NextId();
+// Steps after the send: a = the service answers, d = a second answer to the id,
+// n = a null response, r = the handle is released, + = retained (high op bits
+// do not count), m = a method of it is called (it has none). b first: the
+// answer comes before SendRequest returns.
+TEST_F(DispatcherTest, LogsAndDeliversAtMostOnceWhateverTheOrder) {
+  const struct {
+    const char* steps;
+    std::vector<const char*> lines;
+    int delivered;
+  } cases[] = {
+      {"ar", {kReceived, kExpectedRelease}, 1},
+      {"adr", {kReceived, kReceived, kUnexpected, kExpectedRelease}, 1},
+      {"ra", {kAborted, kReceived, kUnexpected}, 0},
+      {"m+rar", {kReceived, kExpectedRelease}, 1},
+      {"++rrra", {kAborted, kReceived, kUnexpected}, 0},
+      {"nar", {kNull, kReceived, kExpectedRelease}, 1},
+      {"br", {kReceived, kExpectedRelease}, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.steps);
+    Fresh();
+    if (c.steps[0] == 'b') {
+      vela_test::SetSendHook([](const vela_test::SentRequest& sent, vela_test::SendAction* action) {
+        action->automaticAnswer = false;
+        action->beforeReturn.push_back(AnswerTo(sent.requestId));
+      });
+    }
+    FakeRemote remote;
+    const unsigned int id = ++VelaDispatcher::Get().next_request_id;
+    Object handle;
+    ASSERT_EQ(Send(id, remote, &handle), 0);
+    for (const char* step = c.steps; *step != '\0'; ++step) {
+      if (*step == 'a') vela_test::ReleaseHeldAnswers();
+      if (*step == 'd') Answer(id);
+      if (*step == 'n') vela_test::DeliverAndWait(nullptr);
+      const uint32_t op = *step == 'r' ? OBJECT_OP_RELEASE : *step == '+' ? 0x1FFFEu : 0x10000u;
+      const int32_t result = std::strchr("r+m", *step) != nullptr ? Call(handle, op) : OBJECT_OK;
+      EXPECT_EQ(result, *step == 'm' ? OBJECT_ERROR_INVALID : OBJECT_OK);
+      vela_test::WaitIdle();
+    }
+    std::vector<std::string> expected;
+    for (const char* format : c.lines) expected.push_back(Line(format, id));
+    EXPECT_EQ(Lines(), expected);
+    EXPECT_EQ(remote.delivered, c.delivered);
+    EXPECT_EQ(remote.retains, 1);
+    EXPECT_EQ(remote.releases, 1);
+    EXPECT_EQ(remote.calls, 0);
+  }
+}
+
+// Neither a duplicate id nor a refused request keeps or retains anything or
+// touches the handle; a duplicate never reaches the service.
+TEST_F(DispatcherTest, FailedSendsKeepNothing) {
+  FakeRemote first, duplicate, refused;
+  const unsigned int id = ++VelaDispatcher::Get().next_request_id,
+                     refused_id = ++VelaDispatcher::Get().next_request_id;
   Object handle;
-  ASSERT_EQ(Send(id, deliveries_, remote, &handle), 0);
-
-  Call(handle, OBJECT_OP_RELEASE);
-  EXPECT_EQ(remote.releases, 1);
-  EXPECT_EQ(log_.Count(Line(kAborted, id)), 1);
-  EXPECT_THAT(log_.Lines(), Not(Contains(Line(kExpectedRelease, id))));
-
-  // The service still answers; nothing is called.
-  EXPECT_EQ(vela_test::ReleaseHeldAnswers(), 1u);
-  vela_test::WaitIdle();
-  EXPECT_EQ(log_.Count(Line(kUnexpected, id)), 1);
-  EXPECT_EQ(deliveries_.CountFor(id), 0);
-  EXPECT_EQ(remote.releases, 1);
-}
-
-TEST_F(DispatcherTest, NullResponseIsIgnored) {
-  vela_test::DeliverAndWait(nullptr);
-  EXPECT_EQ(log_.Lines(), std::vector<std::string>{"W Dispatcher: received Null response.\n"});
-}
-
-// A failed send stores nothing, retains nothing and leaves the handle alone.
-TEST_F(DispatcherTest, FailedSends) {
-  FakeRemote first;
-  const unsigned int id = NextId();
-  Object handle;
-  ASSERT_EQ(Send(id, deliveries_, first, &handle), 0);
-
-  FakeRemote duplicate;
-  const Object untouched{&FakeRemote::Invoke, &log_};
+  ASSERT_EQ(Send(id, first, &handle), 0);
+  const Object untouched{&FakeRemote::Invoke, &refused};
   Object out = untouched;
-  EXPECT_EQ(Send(id, deliveries_, duplicate, &out), -1);
-  EXPECT_EQ(vela_test::SentRequests().size(), 1u) << "a duplicate id must not reach the client";
-
-  FakeRemote refused;
+  EXPECT_EQ(Send(id, duplicate, &out), -1);
+  EXPECT_EQ(vela_test::SentRequests().size(), 1u);
   vela_test::SetSendHook(
       [](const vela_test::SentRequest&, vela_test::SendAction* action) { action->result = 1; });
-  const unsigned int refused_id = NextId();
-  EXPECT_EQ(Send(refused_id, deliveries_, refused, &out), -1);
-  EXPECT_EQ(vela_test::SentRequests().size(), 2u);
-  vela_test::SetSendHook(nullptr);
+  EXPECT_EQ(Send(refused_id, refused, &out), -1);
+  EXPECT_TRUE(out.invoke == untouched.invoke && out.context == untouched.context);
+  EXPECT_EQ(duplicate.retains + duplicate.releases + refused.retains + refused.releases, 0);
 
-  for (FakeRemote* remote : {&duplicate, &refused}) {
-    EXPECT_EQ(remote->retains, 0);
-    EXPECT_EQ(remote->releases, 0);
-  }
-  EXPECT_EQ(out.invoke, untouched.invoke);
-  EXPECT_EQ(out.context, untouched.context);
-
-  // The first request is still the one pending under its id.
+  // The first request still owns its id; the refused one was never kept.
   Answer(id);
-  EXPECT_EQ(deliveries_.All().size(), 1u);
-  EXPECT_EQ(deliveries_.All()[0].remote, &first);
-  // Nothing was kept for the refused one; its id can be sent again.
   Answer(refused_id);
-  EXPECT_EQ(log_.Count(Line(kUnexpected, refused_id)), 1);
-  Object retry;
-  EXPECT_EQ(Send(refused_id, deliveries_, refused, &retry), 0);
-  Call(retry, OBJECT_OP_RELEASE);
+  EXPECT_EQ(first.delivered, 1);
+  EXPECT_EQ(Lines().back(), Line(kUnexpected, refused_id));
   Call(handle, OBJECT_OP_RELEASE);
-  EXPECT_EQ(refused.retains, 1);
-  EXPECT_EQ(refused.releases, 1);
 }
 
-TEST_F(DispatcherTest, HandleCountsReferences) {
-  FakeRemote remote;
-  const unsigned int id = NextId();
-  Object handle;
-  ASSERT_EQ(Send(id, deliveries_, remote, &handle), 0);
-
-  // Only the low 16 bits of an op count; the handle has no methods.
-  for (uint32_t op : {0u, 1u, 0x10000u, 0xFFFDu}) EXPECT_EQ(Call(handle, op), 2) << op;
-  EXPECT_EQ(Call(handle, OBJECT_OP_RETAIN), 0);
-  EXPECT_EQ(Call(handle, 0x1FFFEu), 0);
-  EXPECT_EQ(Call(handle, OBJECT_OP_RELEASE), 0);
-  EXPECT_EQ(Call(handle, 0x2FFFFu), 0);
-  EXPECT_EQ(remote.releases, 0);
-  EXPECT_THAT(log_.Lines(), Not(Contains(Line(kAborted, id))));
-
-  EXPECT_EQ(Call(handle, OBJECT_OP_RELEASE), 0);
-  EXPECT_EQ(remote.releases, 1);
-  EXPECT_EQ(log_.Count(Line(kAborted, id)), 1);
-}
-
-// Called back without the dispatcher's lock, a response function may drop
-// the handle of its own request.
-TEST_F(DispatcherTest, ResponseFunctionMayReleaseItsHandle) {
-  FakeRemote remote;
-  const unsigned int id = NextId();
-  std::atomic<bool> called{false};
-  Object handle;
-  {
-    std::unique_ptr<ky_loc_fw::VELARequest> request = dispatch_test::NewRequest(id);
-    ASSERT_EQ(VelaDispatcher::Get().SendRequest(
-                  request.get(),
-                  [&handle, &called](ky_loc_fw::VELAResponse*, Object) {
-                    Call(handle, OBJECT_OP_RELEASE);
-                    called = true;
-                  },
-                  remote.object(), &handle),
-              0);
-  }
-  Answer(id);
-  EXPECT_TRUE(called);
-  EXPECT_EQ(log_.Count(Line(kExpectedRelease, id)), 1);
-  EXPECT_EQ(remote.releases, 1);
-}
-
-TEST_F(DispatcherTest, ResponseBeforeSendRequestReturns) {
-  vela_test::SetSendHook([](const vela_test::SentRequest& request, vela_test::SendAction* action) {
-    action->automaticAnswer = false;
-    action->beforeReturn.push_back(vela_test::MakeResponseOfType(request.requestId, kRanging));
-  });
-  FakeRemote remote;
-  const unsigned int id = NextId();
-  Object handle;
-  ASSERT_EQ(Send(id, deliveries_, remote, &handle), 0);
-  vela_test::WaitIdle();
-
-  EXPECT_EQ(deliveries_.CountFor(id), 1);
-  EXPECT_THAT(log_.Lines(), Not(Contains(Line(kUnexpected, id))));
-  Call(handle, OBJECT_OP_RELEASE);
-  EXPECT_EQ(log_.Count(Line(kExpectedRelease, id)), 1);
-  EXPECT_EQ(remote.retains, 1);
-  EXPECT_EQ(remote.releases, 1);
-}
-
-// Whichever comes first, the remote is released exactly once and the request
-// ends either delivered or aborted, never both.
-TEST_F(DispatcherTest, ReleaseRacesTheResponse) {
-  constexpr int kRounds = 100;
-  std::vector<std::unique_ptr<FakeRemote>> remotes;
-  std::vector<unsigned int> ids;
-  for (int round = 0; round < kRounds; ++round) {
-    remotes.push_back(std::make_unique<FakeRemote>());
-    const unsigned int id = NextId();
-    ids.push_back(id);
-    Object handle;
-    ASSERT_EQ(Send(id, deliveries_, *remotes.back(), &handle), 0);
-    std::thread releaser([handle] { Call(handle, OBJECT_OP_RELEASE); });
-    vela_test::ReleaseHeldAnswers();
-    releaser.join();
-  }
-  vela_test::WaitIdle();
-
-  for (int round = 0; round < kRounds; ++round) {
-    SCOPED_TRACE(round);
-    const unsigned int id = ids[round];
-    EXPECT_EQ(remotes[round]->retains, 1);
-    EXPECT_EQ(remotes[round]->releases, 1);
-    const bool delivered = deliveries_.CountFor(id) == 1;
-    const bool aborted = log_.Count(Line(kAborted, id)) == 1;
-    EXPECT_NE(delivered, aborted);
-    EXPECT_EQ(log_.Count(Line(kExpectedRelease, id)), delivered ? 1 : 0);
-    EXPECT_EQ(log_.Count(Line(kUnexpected, id)), aborted ? 1 : 0);
-  }
-}
-
-TEST_F(DispatcherTest, ManyThreadsSendAtOnce) {
-  constexpr int kThreads = 8;
-  constexpr int kPerThread = 25;
-  std::vector<FakeRemote> remotes(kThreads * kPerThread);
-  std::vector<Object> handles(remotes.size(), kNullObject);
-  std::vector<unsigned int> ids(remotes.size());
-  std::atomic<int> failures{0};
+// Threads send at once, then drop their handles while the answers come:
+// every remote is retained and released exactly once, and every request ends
+// delivered or aborted, never both.
+TEST_F(DispatcherTest, ConcurrentSendsAndReleasesRacingTheAnswers) {
+  constexpr int kThreads = 8, kPerThread = 25, kAll = kThreads * kPerThread;
+  std::vector<FakeRemote> remotes(kAll);
+  std::vector<unsigned int> ids(kAll);
+  std::atomic<int> sent{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = t * kPerThread; i < (t + 1) * kPerThread; ++i) {
-        ids[i] = NextId();
-        if (Send(ids[i], deliveries_, remotes[i], &handles[i]) != 0) ++failures;
+      std::vector<Object> handles(kPerThread);
+      for (int i = 0, n = t * kPerThread; i < kPerThread; ++i, ++n) {
+        ids[n] = ++VelaDispatcher::Get().next_request_id;
+        EXPECT_EQ(Send(ids[n], remotes[n], &handles[i]), 0);
+        ++sent;
       }
+      while (sent < kAll) std::this_thread::yield();
+      for (Object& handle : handles) Call(handle, OBJECT_OP_RELEASE);
     });
   }
+  while (sent < kAll) std::this_thread::yield();
+  EXPECT_EQ(vela_test::ReleaseHeldAnswers(), static_cast<size_t>(kAll));
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(failures, 0);
-  EXPECT_EQ(std::set<unsigned int>(ids.begin(), ids.end()).size(), remotes.size());
-
-  EXPECT_EQ(vela_test::ReleaseHeldAnswers(), remotes.size());
   vela_test::WaitIdle();
-  for (Object& handle : handles) Call(handle, OBJECT_OP_RELEASE);
-
-  for (std::size_t i = 0; i < remotes.size(); ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(remotes[i].retains, 1);
-    EXPECT_EQ(remotes[i].releases, 1);
-    EXPECT_EQ(deliveries_.CountFor(ids[i]), 1);
-    EXPECT_EQ(log_.Count(Line(kExpectedRelease, ids[i])), 1);
+  const std::vector<std::string> lines = Lines();
+  auto logged = [&lines](const char* format, unsigned int id) {
+    return static_cast<int>(std::count(lines.begin(), lines.end(), Line(format, id)));
+  };
+  for (int n = 0; n < kAll; ++n) {
+    SCOPED_TRACE(n);
+    EXPECT_EQ(remotes[n].retains, 1);
+    EXPECT_EQ(remotes[n].releases, 1);
+    const int aborted = logged(kAborted, ids[n]);
+    EXPECT_EQ(remotes[n].delivered + aborted, 1);
+    EXPECT_EQ(logged(kExpectedRelease, ids[n]), remotes[n].delivered);
+    EXPECT_EQ(logged(kUnexpected, ids[n]), aborted);
   }
+}
+
+std::string Hex(const Bytes& bytes) {
+  std::string out;
+  for (uint8_t byte : bytes) out += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
+  return out;
+}
+
+// SSID and elements, in hex, of the scenario's access points by BSSID (hi24 <<
+// 24 | lo24); a vendor= payload comes last, in an element of our own OUI.
+std::map<uint64_t, std::pair<std::string, std::string>> ParseAps(const std::string& text) {
+  std::map<uint64_t, std::pair<std::string, std::string>> aps;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("ap ", 0) != 0) continue;
+    std::map<std::string, std::string> field;
+    std::istringstream words(line);
+    for (std::string word; words >> word;)
+      field[word.substr(0, word.find('='))] = word.substr(word.find('=') + 1);
+    std::string ies = field["ies"], bssid = field["bssid"], vendor = field["vendor"];
+    if (!vendor.empty()) {
+      ies += Hex({221, static_cast<uint8_t>(3 + vendor.size() / 2)}) +
+             Hex(Bytes(vela_test::kVendorOui, vela_test::kVendorOui + 3)) + vendor;
+    }
+    bssid.erase(std::remove(bssid.begin(), bssid.end(), ':'), bssid.end());
+    aps[std::stoull(bssid, nullptr, 16)] = {field["ssid"].substr(4), ies};  // after "hex:"
+  }
+  return aps;
+}
+
+TEST_F(DispatcherTest, ScanOfTheNeighbourhoodDecodesToItsBeacons) {
+  vela_test::HoldAnswers(false);
+  CommonResponseData records;
+  auto marshal = [&records](vela::VELAResponse* response) {
+    ASSERT_EQ(response->getResponseType(), vela::VELAResponse::RESPONSE_TYPE_DISCOVERY_SCAN);
+    const auto& found = static_cast<vela::VELADiscoveryScanResponse*>(response)->measurements;
+    for (uint32_t i = 0; i < found.getCount(); ++i) {
+      MarshalFullBeacon(records, static_cast<const vela::VELAFullBeaconScanMeasurement*>(found[i]));
+    }
+  };
+  FakeRemote remote;
+  Object handle;
+  ASSERT_EQ(Send(++VelaDispatcher::Get().next_request_id, remote, &handle, marshal), 0);
+  vela_test::WaitIdle();
+  Call(handle, OBJECT_OP_RELEASE);
+  ASSERT_EQ(remote.delivered, 1);
+
+  const auto aps = ParseAps(vela_test::DefaultScenarioText());
+  ASSERT_EQ(records.measurements.getCount(), aps.size());
+  int extended = 0;
+  for (uint32_t i = 0; i < records.measurements.getCount(); ++i) {
+    const WifiScanMeasurement& rec = records.measurements[i];
+    const auto ap = aps.find(uint64_t{rec.bssidHi24} << 24 | rec.bssidLo24);
+    ASSERT_NE(ap, aps.end()) << i;
+    EXPECT_EQ(rec.ssidPresent, 1);
+    EXPECT_EQ(Hex(Bytes(rec.ssid, rec.ssid + rec.ssidLength)), ap->second.first);
+    ASSERT_LE(rec.beaconIesOffset + rec.beaconIesLength, records.bytes.getCount());
+    const uint8_t* p =
+        reinterpret_cast<const uint8_t*>(records.bytes.getData()) + rec.beaconIesOffset;
+    Bytes unextended;
+    size_t at = 0;
+    for (; at + 2 <= rec.beaconIesLength && at + 2 + p[at + 1] <= rec.beaconIesLength;
+         at += 2 + p[at + 1]) {
+      Bytes element(p + at, p + at + 2 + p[at + 1]);
+      // Long vendor elements of our own OUI come with one byte appended.
+      if (element[0] == 221 && element[1] > 25 &&
+          std::memcmp(&element[2], vela_test::kVendorOui, 3) == 0) {
+        ++extended;
+        --element[1];
+        element.pop_back();
+      }
+      unextended.insert(unextended.end(), element.begin(), element.end());
+    }
+    EXPECT_EQ(at, rec.beaconIesLength) << "elements must fill their range exactly";
+    EXPECT_EQ(Hex(unextended), ap->second.second) << i;
+  }
+  EXPECT_EQ(extended, 3) << "the neighbourhood has three long own-OUI vendor elements";
 }
 
 }  // namespace
