@@ -1,5 +1,5 @@
-// Shared fixtures of the deauth tests: a captured log and a recorder of
-// delivered events that a test can wait on.
+// What the deauth tests share: netlink datagrams laid out as the kernel
+// sends them, a captured log, and fakes for the monitor's callbacks.
 #ifndef TESK_TESTS_DEAUTH_TEST_SUPPORT_H_
 #define TESK_TESTS_DEAUTH_TEST_SUPPORT_H_
 
@@ -7,27 +7,91 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "deauth/deauth_event.h"
-#include "ky_loc_fw/log.h"
+#include "deauth/genl_message.h"
 #include "ky_loc_fw/log_capture.h"
 #include "service/object.h"
 
 namespace deauth_test {
+
+// nl80211's family id on a typical device.
+constexpr uint16_t kNl80211Family = 28;
+
+// A netlink header, the generic netlink header, then attributes each padded
+// with zeros to 4 bytes (nla_len excludes the padding).
+struct KernelMessage {
+  explicit KernelMessage(uint16_t type = 0, uint8_t cmd = 0, uint8_t version = 1) : bytes(20, 0) {
+    memcpy(&bytes[4], &type, 2);
+    bytes[16] = cmd;
+    bytes[17] = version;
+  }
+  KernelMessage& Put(uint16_t type, const void* data, size_t size) {
+    const uint16_t header[2] = {static_cast<uint16_t>(4 + size), type};
+    Raw(header, 4).Raw(data, size);
+    bytes.resize((bytes.size() + 3) & ~size_t{3}, 0);
+    return *this;
+  }
+  KernelMessage& PutU32(uint16_t type, uint32_t value) { return Put(type, &value, 4); }
+  KernelMessage& PutU16(uint16_t type, uint16_t value) { return Put(type, &value, 2); }
+  // An attribute whose payload is another message's attributes.
+  KernelMessage& PutNested(uint16_t type, const KernelMessage& inner) {
+    return Put(type, inner.bytes.data() + 20, inner.bytes.size() - 20);
+  }
+  KernelMessage& Raw(const void* data, size_t size) {
+    bytes.insert(bytes.end(), static_cast<const uint8_t*>(data),
+                 static_cast<const uint8_t*>(data) + size);
+    return *this;
+  }
+  // The datagram, with nlmsg_len its size unless given.
+  std::vector<uint8_t> Bytes(uint32_t nlmsg_len = 0) const {
+    std::vector<uint8_t> out = bytes;
+    if (nlmsg_len == 0) nlmsg_len = static_cast<uint32_t>(out.size());
+    memcpy(out.data(), &nlmsg_len, 4);
+    return out;
+  }
+  std::vector<uint8_t> bytes;
+};
+
+// nl80211's disconnect event as cfg80211 sends it: wiphy, ifindex, the
+// reason when nonzero, the by-AP flag when set, the IEs when there are any.
+inline KernelMessage DisconnectEvent(uint32_t wiphy, uint32_t ifindex, uint16_t reason, bool by_ap,
+                                     const std::string& ies = "") {
+  KernelMessage m(kNl80211Family, NL80211_CMD_DISCONNECT);
+  m.PutU32(NL80211_ATTR_WIPHY, wiphy).PutU32(NL80211_ATTR_IFINDEX, ifindex);
+  if (reason != 0) m.PutU16(NL80211_ATTR_REASON_CODE, reason);
+  if (by_ap) m.Put(NL80211_ATTR_DISCONNECTED_BY_AP, "", 0);
+  if (!ies.empty()) m.Put(42 /* NL80211_ATTR_IE */, ies.data(), ies.size());
+  return m;
+}
+
+// A connected datagram pair: [0] for the side under test, [1] for the test.
+struct DatagramPair {
+  explicit DatagramPair(int flags = 0) {
+    socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | flags, 0, fds);
+  }
+  ~DatagramPair() {
+    for (int fd : fds) close(fd);
+  }
+  int TakeFirst() { return std::exchange(fds[0], -1); }
+  bool Send(const std::vector<uint8_t>& datagram) const {
+    return send(fds[1], datagram.data(), datagram.size(), 0) ==
+           static_cast<ssize_t>(datagram.size());
+  }
+  int fds[2] = {-1, -1};
+};
 
 // Every line logged with the tag "tesk" while alive, as "<letter> <text>".
 class LogCapture {
  public:
   LogCapture() { ky_loc_fw::log_set_sink(&LogCapture::Sink, this, true); }
   ~LogCapture() { ky_loc_fw::log_set_sink(nullptr, nullptr, false); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
   std::vector<std::string> Lines() {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
@@ -36,125 +100,48 @@ class LogCapture {
  private:
   static void Sink(void* context, char letter, const char* tag, const char* text) {
     auto* self = static_cast<LogCapture*>(context);
-    if (std::string(tag) != "tesk") return;
     std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.push_back(std::string(1, letter) + " " + text);
+    if (std::string(tag) == "tesk") self->lines_.push_back(std::string(1, letter) + " " + text);
   }
-
   std::mutex mutex_;
   std::vector<std::string> lines_;
 };
 
-// Events in arrival order. With a gate closed, the first event to arrive
-// holds its delivering thread until the gate opens.
-class EventRecorder {
- public:
-  void Add(const DeauthEvent& event) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    events_.push_back(event);
-    changed_.notify_all();
-    changed_.wait(lock, [this] { return !gate_closed_ || events_.size() > 1; });
-  }
-
-  std::vector<DeauthEvent> WaitFor(size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return events_.size() >= count; });
-    return events_;
-  }
-
-  void CloseGate() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    gate_closed_ = true;
-  }
-  void OpenGate() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    gate_closed_ = false;
-    changed_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<DeauthEvent> events_;
-  bool gate_closed_ = false;
-};
-
-// A client callback object that counts what the daemon does with it. A
-// delivery that is not one 16-byte buffer, or that comes while the object
-// holds no reference from the daemon, is counted as bad.
-class FakeCallback {
- public:
-  explicit FakeCallback(EventRecorder* recorder = nullptr, int32_t result = 0)
-      : recorder_(recorder), result_(result) {}
-
+// A callback object that counts what is done with it and passes every call
+// on to inner, when there is one. A delivery that is not one 16-byte
+// buffer, or comes while no reference is held, is bad.
+struct FakeCallback {
+  explicit FakeCallback(Object inner_in = kNullObject) : inner(inner_in) {}
   Object object() { return Object{&FakeCallback::Invoke, this}; }
 
-  std::atomic<int> retains{0};
-  std::atomic<int> releases{0};
-  std::atomic<int> deliveries{0};
-  std::atomic<int> bad_deliveries{0};
-
- private:
   static int32_t Invoke(void* context, uint32_t op, ObjectArg* args, uint32_t counts) {
     auto* self = static_cast<FakeCallback*>(context);
-    switch (op) {
-      case OBJECT_OP_RETAIN:
-        ++self->retains;
-        break;
-      case OBJECT_OP_RELEASE:
-        ++self->releases;
-        break;
-      case OBJECT_OP_METHOD: {
-        ++self->deliveries;
-        if (counts != OBJECT_COUNTS(1, 0, 0, 0) || args[0].b.size != sizeof(DeauthEvent) ||
-            self->retains.load() <= self->releases.load()) {
-          ++self->bad_deliveries;
-          break;
-        }
-        DeauthEvent event;
-        memcpy(&event, args[0].b.ptr, sizeof event);
-        if (self->recorder_ != nullptr) self->recorder_->Add(event);
-        break;
-      }
-      default:
+    if (op == OBJECT_OP_RETAIN) {
+      ++self->retains;
+    } else if (op == OBJECT_OP_RELEASE) {
+      ++self->releases;
+    } else {
+      ++self->deliveries;
+      if (op != OBJECT_OP_METHOD || counts != OBJECT_COUNTS(1, 0, 0, 0) ||
+          args[0].b.size != sizeof(DeauthEvent) || self->retains <= self->releases) {
         ++self->bad_deliveries;
-        break;
+      }
     }
-    return self->result_;
+    return IsNullObject(self->inner) ? 0
+                                     : self->inner.invoke(self->inner.context, op, args, counts);
   }
 
-  EventRecorder* recorder_;
-  int32_t result_;
-};
-
-// A connected datagram pair: [0] for the side under test, [1] for the test.
-struct DatagramPair {
-  explicit DatagramPair(int extra_flags = 0) {
-    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | extra_flags, 0, fds) != 0) {
-      fds[0] = fds[1] = -1;
-    }
-  }
-  ~DatagramPair() {
-    if (fds[1] >= 0) close(fds[1]);
-    if (fds[0] >= 0) close(fds[0]);
-  }
-  DatagramPair(const DatagramPair&) = delete;
-  DatagramPair& operator=(const DatagramPair&) = delete;
-
-  // Hands the first end over to its new owner.
-  int TakeFirst() {
-    const int fd = fds[0];
-    fds[0] = -1;
-    return fd;
-  }
-  bool Send(const std::vector<uint8_t>& datagram) const {
-    return send(fds[1], datagram.data(), datagram.size(), 0) ==
-           static_cast<ssize_t>(datagram.size());
-  }
-
-  int fds[2];
+  Object inner;
+  std::atomic<int> retains{0}, releases{0}, deliveries{0}, bad_deliveries{0};
 };
 
 }  // namespace deauth_test
+
+inline bool operator==(const DeauthEvent& a, const DeauthEvent& b) {
+  return memcmp(&a, &b, sizeof a) == 0;
+}
+inline std::ostream& operator<<(std::ostream& os, const DeauthEvent& e) {
+  return os << "{" << e.wiphy << ", " << e.ifindex << ", " << e.reason << ", " << e.by_ap << "}";
+}
 
 #endif  // TESK_TESTS_DEAUTH_TEST_SUPPORT_H_
