@@ -15,8 +15,7 @@ extern "C" {
 
 union ObjectArg;
 
-typedef int32_t (*ObjectInvoke)(void* context, uint32_t op, union ObjectArg* args,
-                                uint32_t counts);
+typedef int32_t (*ObjectInvoke)(void* context, uint32_t op, union ObjectArg* args, uint32_t counts);
 
 typedef struct Object {
   ObjectInvoke invoke;
@@ -50,14 +49,14 @@ typedef union ObjectArg {
  * The counts word: four 4-bit fields. The args array holds input buffers,
  * then output buffers, then input objects, then output objects.
  */
-#define OBJECT_COUNTS(in_bufs, out_bufs, in_objs, out_objs)                     \
+#define OBJECT_COUNTS(in_bufs, out_bufs, in_objs, out_objs)                           \
   ((uint32_t)(((in_bufs)&0xFu) | (((out_bufs)&0xFu) << 4) | (((in_objs)&0xFu) << 8) | \
               (((out_objs)&0xFu) << 12)))
 #define OBJECT_COUNTS_IN_BUFS(c) ((unsigned)((c)&0xFu))
 #define OBJECT_COUNTS_OUT_BUFS(c) ((unsigned)(((c) >> 4) & 0xFu))
 #define OBJECT_COUNTS_IN_OBJS(c) ((unsigned)(((c) >> 8) & 0xFu))
 #define OBJECT_COUNTS_OUT_OBJS(c) ((unsigned)(((c) >> 12) & 0xFu))
-#define OBJECT_COUNTS_TOTAL(c)                                                   \
+#define OBJECT_COUNTS_TOTAL(c)                                                       \
   (OBJECT_COUNTS_IN_BUFS(c) + OBJECT_COUNTS_OUT_BUFS(c) + OBJECT_COUNTS_IN_OBJS(c) + \
    OBJECT_COUNTS_OUT_OBJS(c))
 
@@ -66,7 +65,9 @@ typedef union ObjectArg {
 
 constexpr Object kNullObject{nullptr, nullptr};
 
-inline bool IsNullObject(const Object& o) { return o.invoke == nullptr; }
+inline bool IsNullObject(const Object& o) {
+  return o.invoke == nullptr;
+}
 
 // Calls an object that a client handed over. A peer can hand over the null
 // object, so a call on it does nothing instead of jumping to address zero.
@@ -74,8 +75,12 @@ inline bool IsNullObject(const Object& o) { return o.invoke == nullptr; }
 inline void ObjectCall(const Object& o, uint32_t op, ObjectArg* args, uint32_t counts) {
   if (o.invoke != nullptr) o.invoke(o.context, op, args, counts);
 }
-inline void ObjectRetain(const Object& o) { ObjectCall(o, OBJECT_OP_RETAIN, nullptr, 0); }
-inline void ObjectRelease(const Object& o) { ObjectCall(o, OBJECT_OP_RELEASE, nullptr, 0); }
+inline void ObjectRetain(const Object& o) {
+  ObjectCall(o, OBJECT_OP_RETAIN, nullptr, 0);
+}
+inline void ObjectRelease(const Object& o) {
+  ObjectCall(o, OBJECT_OP_RELEASE, nullptr, 0);
+}
 #endif
 
 #endif  // TESK_SERVICE_OBJECT_H_

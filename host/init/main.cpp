@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr int kExitUsage = 64;  // EX_USAGE
+constexpr int kExitUsage = 64;    // EX_USAGE
 constexpr int kExitFailure = 71;  // EX_OSERR
 
 struct Options {

@@ -19,7 +19,7 @@ int android_get_control_socket(const char* name) {
 
   // The number must name a socket that is open in this process: a stale
   // variable inherited across an exec must not hand out a random descriptor.
-  struct stat st{};
+  struct stat st {};
   if (fstat(static_cast<int>(fd), &st) != 0 || !S_ISSOCK(st.st_mode)) return -1;
   return static_cast<int>(fd);
 }

@@ -48,7 +48,7 @@ class Logger {
   }
 
   __attribute__((format(printf, 4, 0))) void Write(const Severity& severity, const char* tag,
-                                                    const char* format, va_list args) {
+                                                   const char* format, va_list args) {
     LogSink sink;
     void* sink_context;
     bool quiet;
@@ -74,10 +74,10 @@ class Logger {
     tm local{};
     localtime_r(&now.tv_sec, &local);
     char line[1200];
-    int head = snprintf(line, sizeof line, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5ld %c %s: ",
-                        local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                        local.tm_sec, now.tv_nsec / 1000000, getpid(),
-                        static_cast<long>(syscall(SYS_gettid)), severity.letter, tag);
+    int head = snprintf(
+        line, sizeof line, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5ld %c %s: ", local.tm_mon + 1,
+        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1000000, getpid(),
+        static_cast<long>(syscall(SYS_gettid)), severity.letter, tag);
     if (head < 0) return;
     size_t used = std::min(static_cast<size_t>(head), sizeof line - 2);
     const size_t body = std::min(len, sizeof line - 2 - used);
@@ -135,12 +135,12 @@ class Logger {
 
 }  // namespace
 
-#define TESK_DEFINE_LOG_FUNCTION(name, severity)          \
-  void name(const char* tag, const char* format, ...) {   \
-    va_list args;                                         \
-    va_start(args, format);                               \
-    Logger::Get().Write(severity, tag, format, args);     \
-    va_end(args);                                         \
+#define TESK_DEFINE_LOG_FUNCTION(name, severity)        \
+  void name(const char* tag, const char* format, ...) { \
+    va_list args;                                       \
+    va_start(args, format);                             \
+    Logger::Get().Write(severity, tag, format, args);   \
+    va_end(args);                                       \
   }
 
 TESK_DEFINE_LOG_FUNCTION(log_error, kError)

@@ -69,9 +69,8 @@ VELAClient* VELAClient::createInstance(VELAClientListener* listener, bool autoRe
     return nullptr;
   }
   vela_sim::RegisterClient(client, queue);
-  log_info("vela", "connected (scenario %s: %zu access points, latency %u ms%s)\n",
-           source.c_str(), scenario.aps.size(), scenario.latencyMs,
-           autoReconnect ? ", reconnecting" : "");
+  log_info("vela", "connected (scenario %s: %zu access points, latency %u ms%s)\n", source.c_str(),
+           scenario.aps.size(), scenario.latencyMs, autoReconnect ? ", reconnecting" : "");
   return client;
 }
 

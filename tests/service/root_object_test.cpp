@@ -12,7 +12,9 @@
 namespace {
 
 // A recognisable non-null object, to tell "cleared" from "untouched".
-int32_t Sentinel(void*, uint32_t, ObjectArg*, uint32_t) { return 0; }
+int32_t Sentinel(void*, uint32_t, ObjectArg*, uint32_t) {
+  return 0;
+}
 const Object kSentinel{Sentinel, reinterpret_cast<void*>(0x5e17)};
 
 struct Call {
@@ -65,13 +67,13 @@ TEST(RootObject, UnknownInterfaceIdsClearTheOutputAndAnswerInvalid) {
 
 TEST(RootObject, MalformedInvocationsLeaveTheOutputUntouched) {
   const Call malformed[] = {
-      {0, 0x1002, Id(1)},                 // two input buffers declared
-      {0, 0x1000, Id(1)},                 // no input buffer
-      {0, 0x1101, Id(1)},                 // an extra input object
-      {0, 0x1001, {1, 0, 0, 0, 0}},       // five-byte id
-      {0, 0x1001, {1, 0, 0}},             // three-byte id
-      {1, 0x1001, Id(1)},                 // no second method
-      {0x10001, 0x1001, Id(1)},           // low 16 bits are 1
+      {0, 0x1002, Id(1)},            // two input buffers declared
+      {0, 0x1000, Id(1)},            // no input buffer
+      {0, 0x1101, Id(1)},            // an extra input object
+      {0, 0x1001, {1, 0, 0, 0, 0}},  // five-byte id
+      {0, 0x1001, {1, 0, 0}},        // three-byte id
+      {1, 0x1001, Id(1)},            // no second method
+      {0x10001, 0x1001, Id(1)},      // low 16 bits are 1
   };
   for (const Call& call : malformed) {
     Object out;

@@ -8,9 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <dirent.h>
 #include <cerrno>
 #include <cstring>
-#include <dirent.h>
 #include <fstream>
 #include <stdexcept>
 
@@ -60,7 +60,9 @@ int ExitCode(int status) {
 
 }  // namespace
 
-std::string BuiltBinary(const std::string& name) { return ExecutableDir() + "/" + name; }
+std::string BuiltBinary(const std::string& name) {
+  return ExecutableDir() + "/" + name;
+}
 
 std::string BuiltLibrary(const std::string& file_name) {
   const std::string bin = ExecutableDir();
@@ -132,8 +134,7 @@ void DaemonProcess::ReadLog(int fd) {
 
 bool DaemonProcess::WaitForLog(const std::string& text, std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, timeout,
-                           [&] { return log_.find(text) != std::string::npos; });
+  return changed_.wait_for(lock, timeout, [&] { return log_.find(text) != std::string::npos; });
 }
 
 std::string DaemonProcess::Log() {

@@ -10,13 +10,13 @@
 // Exit statuses. 1, 2 and 5 are the daemon's own codes passed through, so
 // a script sees the same number the daemon answered.
 constexpr int kExitOk = 0;
-constexpr int kExitNotStarted = 1;      // the daemon answered 1: scan not started
-constexpr int kExitInvalid = 2;         // the daemon answered 2: invalid invocation
-constexpr int kExitUnreachable = 3;     // no daemon on the socket
-constexpr int kExitTimeout = 4;         // no answer within --timeout
-constexpr int kExitBadResponse = 5;     // results came with the bad-response status 5
-constexpr int kExitUsage = 64;          // bad command line (EX_USAGE)
-constexpr int kExitInterrupted = 130;   // SIGINT/SIGTERM after a clean release
+constexpr int kExitNotStarted = 1;     // the daemon answered 1: scan not started
+constexpr int kExitInvalid = 2;        // the daemon answered 2: invalid invocation
+constexpr int kExitUnreachable = 3;    // no daemon on the socket
+constexpr int kExitTimeout = 4;        // no answer within --timeout
+constexpr int kExitBadResponse = 5;    // results came with the bad-response status 5
+constexpr int kExitUsage = 64;         // bad command line (EX_USAGE)
+constexpr int kExitInterrupted = 130;  // SIGINT/SIGTERM after a clean release
 
 struct GlobalOptions {
   std::string socket_path;  // --socket, default from $TESK_SOCKET or the build's socket dir

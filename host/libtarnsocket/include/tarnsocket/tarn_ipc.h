@@ -34,9 +34,9 @@ extern "C" {
 void* TarnIPC_startServiceOnSocket(int fd, ObjectInvoke invoke, void* context);
 
 /* Blocks until the service ends: accept() failed with a non-transient error,
- * the listening socket was shut down, or TarnIPC_stopService was called. By then every connection is closed, the
- * references its peer held are released and the library's threads of this
- * service have exited. */
+ * the listening socket was shut down, or TarnIPC_stopService was called. By then every connection
+ * is closed, the references its peer held are released and the library's threads of this service
+ * have exited. */
 void TarnIPC_join(void* service);
 
 /* Ends the service: stops accepting and closes every connection as if its
