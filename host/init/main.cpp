@@ -55,7 +55,7 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     } else if (arg == "-h" || arg == "--help") {
       PrintUsage(stdout);
       exit(0);
-    } else if (arg.rfind("-", 0) != 0) {
+    } else if (arg.rfind('-', 0) != 0) {
       break;
     } else if (!has_value) {
       fprintf(stderr, "hostinit: %s needs a value\n", arg.c_str());

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 #include "call_timeout.h"
 #include "endpoint.h"
@@ -24,8 +25,8 @@ constexpr uint32_t kInlineBody = 4096;
 // Frames up to this size are sent while holding the read side: they fit in
 // the socket buffer, so the sender cannot block on a peer that is itself
 // blocked sending to us.
-constexpr uint64_t kSmallFrame = 32 * 1024;
-constexpr size_t kReadAhead = 16 * 1024;
+constexpr uint64_t kSmallFrame = uint64_t{32} * 1024;
+constexpr size_t kReadAhead = size_t{16} * 1024;
 
 // Per-thread storage, kept for the thread's life so that large calls do not
 // allocate and free (and fault in) big blocks every time.
@@ -85,7 +86,7 @@ void Connection::ReleaseOwned(std::vector<Object> objects) {
     for (const Object& object : objects) ObjectRelease(object);
     return;
   }
-  endpoint_->Dispatch([objects] {
+  endpoint_->Dispatch([objects = std::move(objects)] {
     for (const Object& object : objects) ObjectRelease(object);
   });
 }

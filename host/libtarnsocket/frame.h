@@ -95,7 +95,7 @@ uint64_t LayoutArena(const InvokeMeta& meta, uint64_t offsets[kMaxSlots]);
 
 // Encoders write header plus meta (invoke) or header plus refs (reply) into
 // out, which must hold kMaxHeadSize bytes; they return the bytes written.
-constexpr size_t kMaxHeadSize = sizeof(FrameHeader) + kMaxSlots * 16;
+constexpr size_t kMaxHeadSize = sizeof(FrameHeader) + size_t{kMaxSlots} * 16;
 size_t EncodeInvokeHead(uint8_t* out, uint32_t call_id, uint32_t handle, uint32_t op,
                         uint32_t counts, const uint64_t* sizes, const ObjectRef* refs);
 size_t EncodeReply(uint8_t* out, uint32_t call_id, int32_t result, unsigned out_objs,

@@ -12,7 +12,7 @@ class VELAChannelInfo {
   explicit VELAChannelInfo(unsigned int value);
   VELAChannelInfo(const VELAChannelInfo& other);
   VELAChannelInfo& operator=(const VELAChannelInfo& other);
-  ~VELAChannelInfo();
+  ~VELAChannelInfo();  // NOLINT(performance-trivially-destructible): part of the interface
 
   unsigned int getValue() const { return value; }
   // The IEEE channel number the value stands for; 0 when it names none.
