@@ -327,7 +327,13 @@ void Connection::ReadLoop(Waiter* self) {
           break;
         default: {
           const int error = errno;
-          CloseWithLog("read failed: %d (%s)", error, strerror(error));
+          // A peer that exits with our bytes still unread resets the
+          // connection: an ordinary end, like a close.
+          if (error == ECONNRESET) {
+            Close(nullptr);
+          } else {
+            CloseWithLog("read failed: %d (%s)", error, strerror(error));
+          }
           break;
         }
       }
