@@ -8,6 +8,7 @@
 
 #include "tools/teskctl/arguments.h"
 #include "tools/teskctl/command.h"
+#include "tools/teskctl/result_waiter.h"
 
 namespace {
 
@@ -48,6 +49,7 @@ int UsageError(const char* what, const std::string& detail) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  pthread_sigmask(SIG_BLOCK, &StopSignals(), nullptr);
   GlobalOptions options;
   const char* from_env = getenv("TESK_SOCKET");
   options.socket_path = from_env != nullptr && from_env[0] != '\0' ? from_env : TESK_DEFAULT_SOCKET;

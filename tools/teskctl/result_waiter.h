@@ -1,22 +1,28 @@
 // Hands a delivery from the IPC library's thread to the main thread, and
-// turns SIGINT/SIGTERM into a wake-up of that same wait: both write one
-// byte into a self-pipe that the main thread polls.
+// turns SIGINT/SIGTERM into a wake-up of that same wait. Deliveries write one
+// byte into a self-pipe; the signals are read from a signalfd. No signal
+// handler runs at all, so a signal can neither be lost to a library thread
+// nor interrupt one.
 #ifndef TESK_TOOLS_TESKCTL_RESULT_WAITER_H_
 #define TESK_TOOLS_TESKCTL_RESULT_WAITER_H_
 
 #include <signal.h>
 
+// SIGINT and SIGTERM. teskctl blocks them first thing in main, before the IPC
+// library starts any thread, and every thread inherits that mask; a waiter
+// then takes them through its signalfd.
+const sigset_t& StopSignals();
+
 class ResultWaiter {
  public:
   enum class Outcome { kDelivered, kTimedOut, kInterrupted, kFailed };
 
-  // Installs the SIGINT/SIGTERM handlers; they stay until destruction.
   ResultWaiter();
   ~ResultWaiter();
   ResultWaiter(const ResultWaiter&) = delete;
   ResultWaiter& operator=(const ResultWaiter&) = delete;
 
-  bool ok() const { return read_fd_ >= 0; }
+  bool ok() const { return read_fd_ >= 0 && signal_fd_ >= 0; }
 
   // Any thread: a delivery is ready.
   void Notify();
@@ -28,8 +34,7 @@ class ResultWaiter {
  private:
   int read_fd_ = -1;
   int write_fd_ = -1;
-  struct sigaction old_int_ {};
-  struct sigaction old_term_ {};
+  int signal_fd_ = -1;
 };
 
 #endif  // TESK_TOOLS_TESKCTL_RESULT_WAITER_H_

@@ -105,7 +105,7 @@ int RunWatchCommand(const GlobalOptions& options, int argc, char** argv) {
   const int opened = OpenInterface(options, teskclient::kDeauthMonitorInterface, &service);
   if (opened != kExitOk) return opened;
 
-  // Signals are caught from here on, so none is lost once registered.
+  // From here a SIGINT or SIGTERM, even one sent earlier, ends the watch.
   ResultWaiter waiter;
   if (!waiter.ok()) {
     ObjectRelease(service);
