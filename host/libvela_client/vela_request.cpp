@@ -38,7 +38,8 @@ int VELADiscoveryScanRequest::getRequestType() const {
 
 VELADiscoveryScanRequest* VELADiscoveryScanRequest::Create(
     unsigned int id, eRequestKind requestKind,
-    const ky_loc_fw::vector<VELAChannelInfo>* channelList, eBand scanBand, eScanType type) {
+    const ky_loc_fw::vector<VELAChannelInfo>* channelList, eBand scanBand, eScanType type,
+    const Settings& settings) {
   if (!ValidScanType(type)) return nullptr;
   if (channelList == nullptr && !ValidBand(scanBand)) return nullptr;
   if (channelList != nullptr && channelList->getCount() == 0) return nullptr;
@@ -55,6 +56,12 @@ VELADiscoveryScanRequest* VELADiscoveryScanRequest::Create(
     request->band = scanBand;
   }
   request->scanType = type;
+  request->ageFilter = settings.ageFilter;
+  request->fallbackParam = settings.fallbackParam;
+  request->timeout = settings.timeout;
+  request->requestMode = settings.requestMode;
+  request->cacheFlag = settings.cacheFlag;
+  request->scanFlag = settings.scanFlag;
   return request;
 }
 
@@ -62,76 +69,44 @@ VELADiscoveryScanRequest* VELADiscoveryScanRequest::createFreshScanRequest(
     unsigned int id, eBand band, eScanType scanType, unsigned int ageFilter, long timeout,
     eRequestMode requestMode, bool scanFlag) {
   if (!ValidMode(requestMode)) return nullptr;
-  VELADiscoveryScanRequest* request = Create(id, KIND_FRESH_SCAN, nullptr, band, scanType);
-  if (request == nullptr) return nullptr;
-  request->ageFilter = ageFilter;
-  request->timeout = timeout;
-  request->requestMode = requestMode;
-  request->scanFlag = scanFlag;
-  return request;
+  return Create(id, KIND_FRESH_SCAN, nullptr, band, scanType,
+                {ageFilter, 0, timeout, requestMode, false, scanFlag});
 }
 
 VELADiscoveryScanRequest* VELADiscoveryScanRequest::createFreshScanRequest(
     unsigned int id, ky_loc_fw::vector<VELAChannelInfo>& channels, eScanType scanType,
     unsigned int ageFilter, long timeout, eRequestMode requestMode, bool scanFlag) {
   if (!ValidMode(requestMode)) return nullptr;
-  VELADiscoveryScanRequest* request = Create(id, KIND_FRESH_SCAN, &channels, BAND_ALL, scanType);
-  if (request == nullptr) return nullptr;
-  request->ageFilter = ageFilter;
-  request->timeout = timeout;
-  request->requestMode = requestMode;
-  request->scanFlag = scanFlag;
-  return request;
+  return Create(id, KIND_FRESH_SCAN, &channels, BAND_ALL, scanType,
+                {ageFilter, 0, timeout, requestMode, false, scanFlag});
 }
 
 VELADiscoveryScanRequest* VELADiscoveryScanRequest::createCacheOnlyRequest(
     unsigned int id, eBand band, unsigned int ageFilter, long timeout, bool cacheFlag) {
-  VELADiscoveryScanRequest* request = Create(id, KIND_CACHE_ONLY, nullptr, band, SCAN_TYPE_ACTIVE);
-  if (request == nullptr) return nullptr;
-  request->ageFilter = ageFilter;
-  request->timeout = timeout;
-  request->cacheFlag = cacheFlag;
-  return request;
+  return Create(id, KIND_CACHE_ONLY, nullptr, band, SCAN_TYPE_ACTIVE,
+                {ageFilter, 0, timeout, REQUEST_MODE_NORMAL, cacheFlag, false});
 }
 
 VELADiscoveryScanRequest* VELADiscoveryScanRequest::createCacheOnlyRequest(
     unsigned int id, ky_loc_fw::vector<VELAChannelInfo>& channels, unsigned int ageFilter,
     long timeout, bool cacheFlag) {
-  VELADiscoveryScanRequest* request =
-      Create(id, KIND_CACHE_ONLY, &channels, BAND_ALL, SCAN_TYPE_ACTIVE);
-  if (request == nullptr) return nullptr;
-  request->ageFilter = ageFilter;
-  request->timeout = timeout;
-  request->cacheFlag = cacheFlag;
-  return request;
+  return Create(id, KIND_CACHE_ONLY, &channels, BAND_ALL, SCAN_TYPE_ACTIVE,
+                {ageFilter, 0, timeout, REQUEST_MODE_NORMAL, cacheFlag, false});
 }
 
 VELADiscoveryScanRequest* VELADiscoveryScanRequest::createCacheFallbackRequest(
     unsigned int id, eBand band, eScanType scanType, unsigned int ageFilter,
     unsigned int fallbackParam, long timeout, bool cacheFlag, bool scanFlag) {
-  VELADiscoveryScanRequest* request = Create(id, KIND_CACHE_FALLBACK, nullptr, band, scanType);
-  if (request == nullptr) return nullptr;
-  request->ageFilter = ageFilter;
-  request->fallbackParam = fallbackParam;
-  request->timeout = timeout;
-  request->cacheFlag = cacheFlag;
-  request->scanFlag = scanFlag;
-  return request;
+  return Create(id, KIND_CACHE_FALLBACK, nullptr, band, scanType,
+                {ageFilter, fallbackParam, timeout, REQUEST_MODE_NORMAL, cacheFlag, scanFlag});
 }
 
 VELADiscoveryScanRequest* VELADiscoveryScanRequest::createCacheFallbackRequest(
     unsigned int id, ky_loc_fw::vector<VELAChannelInfo>& channels, eScanType scanType,
     unsigned int ageFilter, unsigned int fallbackParam, long timeout, bool cacheFlag,
     bool scanFlag) {
-  VELADiscoveryScanRequest* request =
-      Create(id, KIND_CACHE_FALLBACK, &channels, BAND_ALL, scanType);
-  if (request == nullptr) return nullptr;
-  request->ageFilter = ageFilter;
-  request->fallbackParam = fallbackParam;
-  request->timeout = timeout;
-  request->cacheFlag = cacheFlag;
-  request->scanFlag = scanFlag;
-  return request;
+  return Create(id, KIND_CACHE_FALLBACK, &channels, BAND_ALL, scanType,
+                {ageFilter, fallbackParam, timeout, REQUEST_MODE_NORMAL, cacheFlag, scanFlag});
 }
 
 VELARangingScanRequest::VELARangingScanRequest(unsigned int id,

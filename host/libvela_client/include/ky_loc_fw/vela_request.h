@@ -128,9 +128,18 @@ class VELADiscoveryScanRequest : public VELARequest {
 
  private:
   VELADiscoveryScanRequest(unsigned int id, eRequestKind requestKind);
+  // What the six factories pass on besides the form; each sets its own part.
+  struct Settings {
+    unsigned int ageFilter;
+    unsigned int fallbackParam;
+    long timeout;
+    eRequestMode requestMode;
+    bool cacheFlag;
+    bool scanFlag;
+  };
   static VELADiscoveryScanRequest* Create(unsigned int id, eRequestKind requestKind,
                                           const ky_loc_fw::vector<VELAChannelInfo>* channelList,
-                                          eBand scanBand, eScanType type);
+                                          eBand scanBand, eScanType type, const Settings& settings);
 
   eRequestKind kind;
   ky_loc_fw::vector<VELAChannelInfo> channels;
