@@ -1,0 +1,161 @@
+// The reference tables of a connection: proxies of the peer's objects
+// (counted here, released to the peer once), exports of ours (marshalled into
+// frames, resolved from frames, pinned while a served call uses them).
+#include <utility>
+
+#include "connection.h"
+
+namespace tarnsocket {
+
+void Connection::RetainProxy(Proxy* proxy) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++proxy->refs;
+}
+
+void Connection::ReleaseProxy(Proxy* proxy) {
+  const std::shared_ptr<Connection> self = proxy->connection;
+  bool send = false;
+  bool last_import = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (--proxy->refs > 0) return;
+    auto it = imports_.find(proxy->handle);
+    if (it != imports_.end() && it->second == proxy) {
+      imports_.erase(it);
+      send = !closed_;
+      last_import = side_ == Side::kClient && imports_.empty();
+    }
+  }
+  if (send) SendRelease(proxy->handle, proxy->received);
+  // A client's connection lives as long as it holds something from it.
+  if (last_import) Close(nullptr);
+  delete proxy;
+}
+
+ObjectRef Connection::Marshal(const Object& object) {
+  if (IsNullObject(object)) return ObjectRef{kRefNull, 0};
+  Proxy* proxy = AsProxy(object);
+  if (proxy != nullptr && proxy->connection.get() == this) {
+    return ObjectRef{kRefReceiverExport, proxy->handle};
+  }
+  uint32_t handle;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (exports_.Find(object, &handle)) {
+      ++exports_.Get(handle)->sent;
+      return ObjectRef{kRefSenderExport, handle};
+    }
+  }
+  // The library's own reference, taken outside the lock: the object may be
+  // a proxy of another connection, whose lock must not nest inside ours.
+  ObjectRetain(object);
+  bool undo = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (exports_.Find(object, &handle)) {
+      undo = true;  // another thread exported it meanwhile
+      ++exports_.Get(handle)->sent;
+    } else if (closed_) {
+      undo = true;  // the send will fail anyway
+      handle = 0;
+    } else {
+      handle = exports_.Add(object);
+      ++exports_.Get(handle)->sent;
+      if (!reader_busy_) ArmLocked();
+    }
+  }
+  if (undo) ObjectRelease(object);
+  return ObjectRef{kRefSenderExport, handle};
+}
+
+void Connection::Unpin(uint32_t handle) {
+  Object object;
+  bool release = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ExportTable::Entry* entry = exports_.Get(handle);
+    if (entry == nullptr) return;
+    --entry->pinned;
+    release = exports_.RemoveIfUnused(handle, &object);
+  }
+  if (release) ReleaseOwned({object});
+}
+
+bool Connection::ResolveInvoke(InvokeFrame* frame) {
+  const char* bad = nullptr;
+  bool target_pinned = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ExportTable::Entry* target = exports_.Get(frame->header.handle);
+    if (target == nullptr || target->sent == 0) {
+      bad = "call of an unknown handle";
+    } else {
+      ++target->pinned;
+      target_pinned = true;
+      frame->target = target->object;
+      frame->target_handle = frame->header.handle;
+      for (unsigned i = 0; i < frame->meta.in_objs && bad == nullptr; ++i) {
+        const ObjectRef& ref = frame->meta.objects[i];
+        frame->pinned[i] = false;
+        if (ref.kind == kRefNull) {
+          frame->in_objects[i] = kNullObject;
+        } else if (ref.kind == kRefReceiverExport) {
+          ExportTable::Entry* entry = exports_.Get(ref.handle);
+          if (entry == nullptr || entry->sent == 0) {
+            bad = "unknown handle passed back";
+            break;
+          }
+          ++entry->pinned;
+          frame->pinned[i] = true;
+          frame->in_objects[i] = entry->object;
+        } else {
+          Proxy*& proxy = imports_[ref.handle];
+          if (proxy == nullptr) proxy = new Proxy{shared_from_this(), ref.handle, 0, 0};
+          ++proxy->refs;
+          ++proxy->received;
+          frame->in_objects[i] = ProxyObject(proxy);
+        }
+        frame->resolved = i + 1;
+      }
+    }
+  }
+  if (bad == nullptr) return true;
+  DropInputs(frame);
+  if (target_pinned) Unpin(frame->target_handle);
+  CloseWithLog("malformed frame: %s", bad);
+  return false;
+}
+
+void Connection::DropInputs(InvokeFrame* frame) {
+  for (unsigned i = 0; i < frame->resolved; ++i) {
+    if (frame->pinned[i]) {
+      Unpin(frame->meta.objects[i].handle);
+    } else if (!IsNullObject(frame->in_objects[i])) {
+      ReleaseProxy(static_cast<Proxy*>(frame->in_objects[i].context));
+    }
+  }
+  frame->resolved = 0;
+}
+
+bool Connection::HandleRelease(const FrameHeader& header) {
+  Object object;
+  bool known = false;
+  bool release = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ExportTable::Entry* entry = exports_.Get(header.handle);
+    if (entry != nullptr && entry->sent >= header.code) {
+      known = true;
+      entry->sent -= header.code;
+      release = exports_.RemoveIfUnused(header.handle, &object);
+    }
+  }
+  if (!known) {
+    CloseWithLog("malformed frame: release of references never given");
+    return false;
+  }
+  if (release) ReleaseOwned({object});
+  return true;
+}
+
+}  // namespace tarnsocket
