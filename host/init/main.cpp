@@ -1,10 +1,11 @@
 // hostinit: starts one service the way init starts it on a device. It
-// creates the service's control socket, hands it over as an inherited
-// descriptor named in ANDROID_SOCKET_<name>, runs the service in the
-// foreground and, on SIGINT or SIGTERM, stops it (SIGTERM, then SIGKILL
-// after a grace period) and removes the socket file.
+// creates the service's control socket in a folder nobody else controls,
+// hands it over as an inherited descriptor named in ANDROID_SOCKET_<name>,
+// runs the service in the foreground and, on SIGINT or SIGTERM, stops it
+// (SIGTERM, then SIGKILL after a grace period) and removes the socket file.
 #include <errno.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +16,8 @@
 #include <string>
 
 #include "control_socket.h"
+#include "host/init/default_socket_dir.h"
+#include "socket_folder.h"
 
 namespace {
 
@@ -22,7 +25,7 @@ constexpr int kExitUsage = 64;    // EX_USAGE
 constexpr int kExitFailure = 71;  // EX_OSERR
 
 struct Options {
-  std::string socket_dir = TESK_SOCKET_DIR;
+  std::string socket_dir = DefaultSocketDir();
   std::string name = "tesk";
   mode_t mode = 0660;
   int type = SOCK_STREAM;
@@ -34,13 +37,14 @@ void PrintUsage(FILE* out) {
   fprintf(out,
           "usage: hostinit [options] [--] PROGRAM [ARG...]\n"
           "Starts PROGRAM as init starts a service: with a control socket.\n"
-          "  --socket-dir DIR   folder of the socket (default %s)\n"
+          "  --socket-dir DIR   folder of the socket (default %s); created if missing,\n"
+          "                     refused unless it is ours and nobody else can write it\n"
           "  --name NAME        socket name, also ANDROID_SOCKET_<NAME> (default tesk)\n"
-          "  --mode OCTAL       mode of the socket file (default 0660)\n"
+          "  --mode OCTAL       mode of the socket file, at most 0777 (default 0660)\n"
           "  --type TYPE        stream or seqpacket (default stream)\n"
           "  --grace SECONDS    wait after SIGTERM before SIGKILL (default 5)\n"
           "  -h, --help         this text\n",
-          TESK_SOCKET_DIR);
+          DefaultSocketDir().c_str());
 }
 
 bool ParseOptions(int argc, char** argv, Options* options) {
@@ -66,7 +70,7 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       options->name = argv[++i];
     } else if (arg == "--mode") {
       const long mode = strtol(argv[++i], &end, 8);
-      if (*end != '\0' || mode < 0 || mode > 07777) {
+      if (*end != '\0' || argv[i][0] == '\0' || mode < 0 || mode > 0777) {
         fprintf(stderr, "hostinit: bad mode '%s'\n", argv[i]);
         return false;
       }
@@ -137,6 +141,16 @@ int Supervise(pid_t child, const sigset_t& signals, int grace_seconds) {
   }
 }
 
+// A service with many clients needs a descriptor for each: the hard limit is
+// what the administrator allows, the soft one only a conservative default.
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -147,13 +161,18 @@ int main(int argc, char** argv) {
   }
 
   std::string error;
-  const int fd =
-      CreateControlSocket(options.socket_dir, options.name, options.type, options.mode, &error);
+  // The folder gives the socket's group a way in only when the socket does.
+  const mode_t folder_mode = (options.mode & 0070) != 0 ? 0750 : 0700;
+  const int dir_fd = OpenSocketFolder(options.socket_dir, folder_mode, &error);
+  const int fd = dir_fd < 0 ? -1
+                            : CreateControlSocket(dir_fd, options.socket_dir, options.name,
+                                                  options.type, options.mode, &error);
   if (fd < 0) {
-    fprintf(stderr, "hostinit: %s: %s\n", error.c_str(), strerror(errno));
+    fprintf(stderr, "hostinit: %s\n", error.c_str());
     return kExitFailure;
   }
   const std::string path = options.socket_dir + "/" + options.name;
+  RaiseDescriptorLimit();
   const std::string variable = "ANDROID_SOCKET_" + options.name;
   setenv(variable.c_str(), std::to_string(fd).c_str(), 1);
 
@@ -168,7 +187,7 @@ int main(int argc, char** argv) {
   const pid_t child = fork();
   if (child < 0) {
     fprintf(stderr, "hostinit: fork: %s\n", strerror(errno));
-    unlink(path.c_str());
+    RemoveControlSocket(dir_fd, options.name);
     return kExitFailure;
   }
   if (child == 0) {
@@ -183,7 +202,7 @@ int main(int argc, char** argv) {
   fprintf(stderr, "hostinit: started %s (pid %d) with socket %s\n", options.program[0], child,
           path.c_str());
   const int status = Supervise(child, signals, options.grace_seconds);
-  unlink(path.c_str());
+  RemoveControlSocket(dir_fd, options.name);
   fprintf(stderr, "hostinit: %s ended, status %d\n", options.program[0], status);
   return status;
 }

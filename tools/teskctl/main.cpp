@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "host/init/default_socket_dir.h"
 #include "tools/teskctl/arguments.h"
 #include "tools/teskctl/command.h"
 #include "tools/teskctl/result_waiter.h"
@@ -37,7 +38,7 @@ void PrintUsage(FILE* out) {
           "3 daemon not reachable, 4 no results within the timeout, 5 the daemon\n"
           "could not use the location service's answer, 64 bad command line,\n"
           "130 interrupted.\n",
-          TESK_DEFAULT_SOCKET);
+          (DefaultSocketDir() + "/tesk").c_str());
 }
 
 int UsageError(const char* what, const std::string& detail) {
@@ -52,7 +53,8 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &StopSignals(), nullptr);
   GlobalOptions options;
   const char* from_env = getenv("TESK_SOCKET");
-  options.socket_path = from_env != nullptr && from_env[0] != '\0' ? from_env : TESK_DEFAULT_SOCKET;
+  options.socket_path =
+      from_env != nullptr && from_env[0] != '\0' ? from_env : DefaultSocketDir() + "/tesk";
 
   Arguments args(argc, argv, 1);
   while (!args.Done() && args.Current()[0] == '-') {
