@@ -1,16 +1,19 @@
-// Cost of marshalling a discovery response, against a baseline in the same
-// run: copying the same bytes (records, details, raw bytes, elements) into
-// presized buffers, the least any flattening has to do.
+// Cost of marshalling a discovery response of 21, 1,000 and 10,000 full
+// beacons, against a baseline in the same run: appending the same bytes
+// (records, details, raw bytes, elements) to buffers sized beforehand, the
+// least any flattening has to do. Marshalling and copying alternate, and
+// their medians are compared; the Google Benchmark runs follow unless
+// --quick is given.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "benchmarks/support/bench_support.h"
 #include "ky_loc_fw/log.h"
 #include "ky_loc_fw/vela_response.h"
 #include "ky_loc_fw/vela_test_control.h"
@@ -18,95 +21,127 @@
 
 namespace {
 
-constexpr std::size_t kBeacons = 21;  // a typical neighbourhood
-
 using ky_loc_fw::VELAFullBeaconScanMeasurement;
+using Response = ky_loc_fw::VELADiscoveryScanResponse;
 
-std::unique_ptr<ky_loc_fw::VELADiscoveryScanResponse> MakeResponse() {
-  return std::unique_ptr<ky_loc_fw::VELADiscoveryScanResponse>(
-      ky_loc_fw::vela_test::MakeDiscoveryResponse(1, kBeacons, 7));
+std::unique_ptr<Response> MakeResponse(size_t beacons) {
+  return std::unique_ptr<Response>(ky_loc_fw::vela_test::MakeDiscoveryResponse(1, beacons, 7));
 }
 
-const VELAFullBeaconScanMeasurement* Beacon(const ky_loc_fw::VELADiscoveryScanResponse& r,
-                                            uint32_t i) {
+const VELAFullBeaconScanMeasurement* Beacon(const Response& r, uint32_t i) {
   return static_cast<const VELAFullBeaconScanMeasurement*>(r.measurements.getData()[i]);
 }
 
-void BM_CopyBaseline(benchmark::State& state) {
-  auto response = MakeResponse();
-  std::vector<uint8_t> records(kBeacons * 160);
-  std::vector<uint8_t> infos(64 * 64);
-  std::vector<uint8_t> pool(64 * 1024);
-  for (auto _ : state) {
+// The baseline: the response's bytes appended to buffers that are big enough.
+class Copier {
+ public:
+  explicit Copier(const Response& response) : response_(response) {
+    size_t details = 0, pool = 0;
+    for (uint32_t i = 0; i < response.measurements.getCount(); ++i) {
+      const VELAFullBeaconScanMeasurement* m = Beacon(response, i);
+      details += m->details.getCount();
+      pool += m->rawBytes.getCount();
+      for (uint32_t k = 0; k < m->informationElements.getCount(); ++k) {
+        pool += 2u + m->informationElements.getData()[k]->len;
+      }
+    }
+    records_.resize(response.measurements.getCount() * 160);
+    infos_.resize(details * 64);
+    pool_.resize(pool);
+  }
+
+  void Copy() {
     std::size_t r = 0, d = 0, p = 0;
-    for (uint32_t i = 0; i < response->measurements.getCount(); ++i) {
-      const VELAFullBeaconScanMeasurement* m = Beacon(*response, i);
-      std::memcpy(&records[r], &m->value32_2, 160);
+    for (uint32_t i = 0; i < response_.measurements.getCount(); ++i) {
+      const VELAFullBeaconScanMeasurement* m = Beacon(response_, i);
+      std::memcpy(&records_[r], &m->value32_2, 160);
       r += 160;
       for (uint32_t k = 0; k < m->details.getCount(); ++k, d += 64) {
-        std::memcpy(&infos[d], m->details.getData()[k], 64);
+        std::memcpy(&infos_[d], m->details.getData()[k], 64);
       }
-      std::memcpy(&pool[p], m->rawBytes.getData(), m->rawBytes.getCount());
+      std::memcpy(&pool_[p], m->rawBytes.getData(), m->rawBytes.getCount());
       p += m->rawBytes.getCount();
       for (uint32_t k = 0; k < m->informationElements.getCount(); ++k) {
         const ky_loc_fw::VELAInfoElement* e = m->informationElements.getData()[k];
-        pool[p] = e->id;
-        pool[p + 1] = e->len;
-        if (e->len != 0) std::memcpy(&pool[p + 2], e->data, e->len);
+        pool_[p] = e->id;
+        pool_[p + 1] = e->len;
+        if (e->len != 0) std::memcpy(&pool_[p + 2], e->data, e->len);
         p += 2u + e->len;
       }
     }
-    benchmark::DoNotOptimize(records.data());
-    benchmark::DoNotOptimize(pool.data());
+    benchmark::DoNotOptimize(records_.data());
+    benchmark::DoNotOptimize(infos_.data());
+    benchmark::DoNotOptimize(pool_.data());
     benchmark::ClobberMemory();
-  }
-}
-BENCHMARK(BM_CopyBaseline);
-
-void BM_MarshalFullBeacon(benchmark::State& state) {
-  auto response = MakeResponse();
-  for (auto _ : state) {
-    CommonResponseData out;
-    for (uint32_t i = 0; i < response->measurements.getCount(); ++i) {
-      MarshalFullBeacon(out, Beacon(*response, i));
-    }
-    benchmark::DoNotOptimize(out.bytes.getData());
-  }
-}
-BENCHMARK(BM_MarshalFullBeacon);
-
-// Keeps each benchmark's time per iteration for the ratio printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration)
-        times_[run.benchmark_name()] = run.GetAdjustedRealTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  double Time(const std::string& name) const {
-    auto it = times_.find(name);
-    return it == times_.end() ? 0 : it->second;
   }
 
  private:
-  std::map<std::string, double> times_;
+  const Response& response_;
+  std::vector<uint8_t> records_, infos_, pool_;
 };
+
+// What the daemon does with each response: marshal every beacon, hand the
+// arrays over, free them.
+void Marshal(const Response& response) {
+  CommonResponseData out;
+  for (uint32_t i = 0; i < response.measurements.getCount(); ++i) {
+    MarshalFullBeacon(out, Beacon(response, i));
+  }
+  benchmark::DoNotOptimize(out.bytes.getData());
+}
+
+void BM_CopyBaseline(benchmark::State& state) {
+  auto response = MakeResponse(static_cast<size_t>(state.range(0)));
+  Copier copier(*response);
+  for (auto _ : state) copier.Copy();
+}
+BENCHMARK(BM_CopyBaseline)->Arg(21)->Arg(1000)->Arg(10000);
+
+void BM_MarshalFullBeacon(benchmark::State& state) {
+  auto response = MakeResponse(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) Marshal(*response);
+}
+BENCHMARK(BM_MarshalFullBeacon)->Arg(21)->Arg(1000)->Arg(10000);
+
+void Compare(size_t beacons, int rounds) {
+  auto response = MakeResponse(beacons);
+  Copier copier(*response);
+  std::vector<double> copy_ns, marshal_ns;
+  for (int r = 0; r < rounds; ++r) {
+    const double start = bench::NowNs();
+    copier.Copy();
+    const double middle = bench::NowNs();
+    Marshal(*response);
+    copy_ns.push_back(middle - start);
+    marshal_ns.push_back(bench::NowNs() - middle);
+  }
+  const double marshal = bench::Median(marshal_ns), copy = bench::Median(copy_ns);
+  std::string figure = "marshal " + std::to_string(beacons) + " beacons";
+  if (beacons >= 1000) {
+    figure = "marshal " + std::to_string(beacons / 1000) + ",000 beacons";
+    bench::PrintRow(bench::RatioRow(figure, bench::FormatNs(marshal), bench::FormatNs(copy),
+                                    marshal / copy, 1.3));
+  } else {
+    bench::Row row;
+    row.figure = figure;
+    row.value = bench::FormatNs(marshal);
+    row.baseline = bench::FormatNs(copy);
+    row.ratio = bench::FormatCount(marshal / copy, "") + "x";
+    bench::PrintRow(row);
+  }
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
   ky_loc_fw::log_set_local_level_for_tag("vector", 0);
+  const bench::Options options = bench::ParseOptions(argc, argv);
+  Compare(21, options.quick ? 3 : 20001);
+  Compare(1000, options.quick ? 3 : 1001);
+  Compare(10000, options.quick ? 3 : 201);
+  if (options.quick) return 0;
   benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  const double baseline = reporter.Time("BM_CopyBaseline");
-  const double marshal = reporter.Time("BM_MarshalFullBeacon");
-  if (baseline > 0 && marshal > 0) {
-    std::printf("MarshalFullBeacon / copy baseline: %.2fx (%zu beacons)\n", marshal / baseline,
-                kBeacons);
-  }
+  benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;
 }

@@ -1,0 +1,181 @@
+#include "benchmarks/support/bench_support.h"
+
+#include <dirent.h>
+#include <sched.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace bench {
+
+double NowNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+}
+
+double Median(std::vector<double> samples) { return Percentile(std::move(samples), 0.5); }
+
+double Percentile(std::vector<double> samples, double fraction) {
+  if (samples.empty()) return 0;
+  const auto rank = static_cast<size_t>(std::lround(fraction * static_cast<double>(samples.size() - 1)));
+  std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(rank),
+                   samples.end());
+  return samples[rank];
+}
+
+bool ReadFull(int fd, void* data, size_t size) {
+  auto* bytes = static_cast<uint8_t*>(data);
+  while (size > 0) {
+    const ssize_t n = read(fd, bytes, size);
+    if (n <= 0) return false;
+    bytes += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool WriteFull(int fd, const void* data, size_t size) {
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  while (size > 0) {
+    const ssize_t n = write(fd, bytes, size);
+    if (n <= 0) return false;
+    bytes += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool PinToOneCore() {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return false;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (!CPU_ISSET(cpu, &allowed)) continue;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(cpu, &one);
+    return sched_setaffinity(0, sizeof one, &one) == 0;
+  }
+  return false;
+}
+
+namespace {
+
+// The value of "Name:" in a /proc status file, or -1.
+int64_t StatusField(const std::string& path, const char* name) {
+  std::ifstream in(path);
+  std::string line;
+  const size_t length = std::strlen(name);
+  while (std::getline(in, line)) {
+    if (line.compare(0, length, name) == 0) return std::stoll(line.substr(length));
+  }
+  return -1;
+}
+
+}  // namespace
+
+ProcessCounters ReadCounters(pid_t pid) {
+  ProcessCounters counters;
+  const std::string proc = "/proc/" + std::to_string(pid);
+  {
+    // Field 10 (minflt) follows the command name, which may hold blanks.
+    std::ifstream in(proc + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t end = stat.rfind(')');
+    if (end == std::string::npos) return counters;
+    std::istringstream fields(stat.substr(end + 2));
+    std::string field;
+    for (int i = 3; i <= 10 && fields >> field; ++i) {
+      if (i == 10) counters.minor_faults = std::stoll(field);
+    }
+  }
+  counters.resident_kb = StatusField(proc + "/status", "VmRSS:");
+  // /proc/PID/status counts the switches of the main thread only.
+  if (DIR* tasks = opendir((proc + "/task").c_str())) {
+    int64_t sum = 0;
+    while (dirent* entry = readdir(tasks)) {
+      if (entry->d_name[0] == '.') continue;
+      const std::string status = proc + "/task/" + entry->d_name + "/status";
+      const int64_t voluntary = StatusField(status, "voluntary_ctxt_switches:");
+      const int64_t involuntary = StatusField(status, "nonvoluntary_ctxt_switches:");
+      if (voluntary >= 0 && involuntary >= 0) sum += voluntary + involuntary;
+    }
+    closedir(tasks);
+    counters.context_switches = sum;
+  }
+  return counters;
+}
+
+Options ParseOptions(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--quick") == 0) options.quick = true;
+  }
+  return options;
+}
+
+std::string FormatNs(double ns) {
+  char text[32];
+  if (ns >= 1e7) {
+    std::snprintf(text, sizeof text, "%.1f ms", ns / 1e6);
+  } else if (ns >= 1e6) {
+    std::snprintf(text, sizeof text, "%.2f ms", ns / 1e6);
+  } else if (ns >= 1e4) {
+    std::snprintf(text, sizeof text, "%.1f us", ns / 1e3);
+  } else if (ns >= 1e3) {
+    std::snprintf(text, sizeof text, "%.2f us", ns / 1e3);
+  } else {
+    std::snprintf(text, sizeof text, "%.0f ns", ns);
+  }
+  return text;
+}
+
+std::string FormatCount(double value, const char* unit) {
+  char text[48];
+  if (value >= 100 || value == std::floor(value)) {
+    std::snprintf(text, sizeof text, "%.0f%s%s", value, *unit ? " " : "", unit);
+  } else {
+    std::snprintf(text, sizeof text, "%.2f%s%s", value, *unit ? " " : "", unit);
+  }
+  return text;
+}
+
+void PrintRow(const Row& row) {
+  std::printf("@row\t%s\t%s\t%s\t%s\t%s\t%s\n", row.figure.c_str(), row.value.c_str(),
+              row.baseline.c_str(), row.ratio.c_str(), row.goal.c_str(), row.met.c_str());
+  std::fflush(stdout);
+}
+
+Row RatioRow(const std::string& figure, const std::string& value, const std::string& baseline,
+             double ratio, double bound, bool at_least) {
+  Row row;
+  row.figure = figure;
+  row.value = value;
+  row.baseline = baseline;
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2fx", ratio);
+  row.ratio = text;
+  std::snprintf(text, sizeof text, "%s %gx", at_least ? ">=" : "<=", bound);
+  row.goal = text;
+  const bool met = std::isfinite(ratio) && (at_least ? ratio >= bound : ratio <= bound);
+  row.met = met ? "yes" : "NO";
+  return row;
+}
+
+Row LimitRow(const std::string& figure, const std::string& value, double number, double limit) {
+  Row row;
+  row.figure = figure;
+  row.value = value;
+  row.goal = "<= " + FormatCount(limit, "");
+  row.met = number <= limit ? "yes" : "NO";
+  return row;
+}
+
+}  // namespace bench

@@ -1,0 +1,68 @@
+// What every benchmark program shares: clocks and medians, whole reads and
+// writes, pinning, counters read from /proc, and the rows that
+// scripts/bench.sh collects into its table.
+#ifndef TESK_BENCHMARKS_SUPPORT_BENCH_SUPPORT_H_
+#define TESK_BENCHMARKS_SUPPORT_BENCH_SUPPORT_H_
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+double NowNs();
+// Of a copy: callers keep their samples in order.
+double Median(std::vector<double> samples);
+double Percentile(std::vector<double> samples, double fraction);
+
+bool ReadFull(int fd, void* data, size_t size);
+bool WriteFull(int fd, const void* data, size_t size);
+
+// Pins the calling thread (and what it forks or spawns from now on) to the
+// first core it may run on; false when that is not allowed.
+bool PinToOneCore();
+
+// Figures of another process (or this one) read from /proc; -1 when gone.
+struct ProcessCounters {
+  int64_t minor_faults = -1;      // all threads, from /proc/PID/stat
+  int64_t context_switches = -1;  // voluntary + involuntary, summed over live threads
+  int64_t resident_kb = -1;
+};
+ProcessCounters ReadCounters(pid_t pid);
+
+// Command line common to all programs: --quick runs each measurement just
+// long enough to show that it works.
+struct Options {
+  bool quick = false;
+};
+Options ParseOptions(int argc, char** argv);
+
+// Human figures: "12.3 us", "4.56 ms", "987 ns".
+std::string FormatNs(double ns);
+std::string FormatCount(double value, const char* unit);
+
+// One line of the suite's table. The program prints it as a tab-separated
+// line starting with "@row"; scripts/bench.sh lines them up.
+struct Row {
+  std::string figure;
+  std::string value;
+  std::string baseline = "-";
+  std::string ratio = "-";
+  std::string goal = "-";
+  std::string met = "-";  // "yes", "NO" or "-" when there is no goal
+};
+void PrintRow(const Row& row);
+
+// value / baseline compared with an upper bound ("<= 1.3x") or, with
+// at_least, a lower one (">= 0.9x").
+Row RatioRow(const std::string& figure, const std::string& value, const std::string& baseline,
+             double ratio, double bound, bool at_least = false);
+// A figure against an absolute bound ("<= 50").
+Row LimitRow(const std::string& figure, const std::string& value, double number, double limit);
+
+}  // namespace bench
+
+#endif  // TESK_BENCHMARKS_SUPPORT_BENCH_SUPPORT_H_
