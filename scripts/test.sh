@@ -9,7 +9,7 @@ scripts/install-deps.sh
 
 stages=("$@")
 [ ${#stages[@]} -eq 0 ] && stages=(dev asan fuzz tsan)
-fuzz_seconds=${TESK_FUZZ_SECONDS:-20}
+fuzz_seconds=${TESK_FUZZ_SECONDS:-15}  # per target; scripts/fuzz.sh runs them longer
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
@@ -18,23 +18,6 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 build() {
   cmake --preset "$1" >/dev/null
   cmake --build --preset "$1"
-}
-
-run_fuzzers() {
-  local found=0
-  for fuzzer in build/asan/bin/*_fuzzer; do
-    [ -x "$fuzzer" ] || continue
-    found=1
-    local name corpus
-    name=$(basename "$fuzzer")
-    corpus=$(mktemp -d)
-    # Seeds committed beside the target are copied: runs never write into the tree.
-    [ -d "fuzz/${name%_fuzzer}/corpus" ] && cp -r "fuzz/${name%_fuzzer}/corpus"/. "$corpus"/
-    echo "== $name: ${fuzz_seconds}s"
-    "$fuzzer" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
-    rm -rf "$corpus"
-  done
-  [ $found -eq 1 ] || { echo "no fuzzers were built" >&2; exit 1; }
 }
 
 for stage in "${stages[@]}"; do
@@ -46,7 +29,7 @@ for stage in "${stages[@]}"; do
       ;;
     fuzz)
       [ -d build/asan ] || build asan
-      run_fuzzers
+      scripts/fuzz.sh "$fuzz_seconds"
       ;;
     *) echo "unknown stage $stage" >&2; exit 64 ;;
   esac

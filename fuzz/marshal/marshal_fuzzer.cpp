@@ -1,9 +1,12 @@
 // Builds arbitrary measurements (details, raw bytes, elements A and B, beacon
 // elements with null entries and own-OUI vendor elements, MAC lists, SSID
 // states the library's checks would not let through) and marshals them into
-// one response; every record must then point inside the pools.
+// one response; every record must then point inside the pools. The input
+// starts with a u16 length and that many bytes of a beacon's elements, which
+// the first measurement carries, so that real beacons seed the corpus.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -32,6 +35,14 @@ VELAInfoElement* MakeElement(FuzzedDataProvider& in) {
     for (int i = 0; i < 3; ++i) data[i] = kOwnOui[i];
   }
   return new VELAInfoElement(id, data.data(), static_cast<uint8_t>(data.size()));
+}
+
+// Elements as a beacon carries them: id, length, data; a cut one ends them.
+void AddBeaconElements(const uint8_t* ies, size_t size,
+                       ky_loc_fw::VELAFullBeaconScanMeasurement* m) {
+  for (size_t at = 0; at + 2 <= size && at + 2 + ies[at + 1] <= size; at += 2 + ies[at + 1]) {
+    m->informationElements.push_back(new VELAInfoElement(ies[at], ies + at + 2, ies[at + 1]));
+  }
 }
 
 void Fill(FuzzedDataProvider& in, VELAScanMeasurement* m) {
@@ -83,8 +94,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }();
   (void)quiet;
 
-  FuzzedDataProvider in(data, size);
+  if (size < 2) return 0;
+  const size_t ies_size = std::min<size_t>(data[0] | data[1] << 8, size - 2);
+  FuzzedDataProvider in(data + 2 + ies_size, size - 2 - ies_size);
   RangingData out;
+  {
+    ky_loc_fw::VELAFullBeaconScanMeasurement beacon;
+    Fill(in, &beacon);
+    AddBeaconElements(data + 2, ies_size, &beacon);
+    MarshalFullBeacon(out, &beacon);
+  }
   while (in.remaining_bytes() > 0 && out.measurements.getCount() < 64) {
     switch (in.ConsumeIntegralInRange(0, 3)) {
       case 0: {

@@ -1,0 +1,136 @@
+// What the fuzzers of the served objects share: a location service that
+// answers at once, a client callback that counts what is done with it, the
+// argument array of one call as a peer would make it, and a lenient reader
+// of a peer's frames, so that captured sessions seed the corpora.
+#ifndef TESK_FUZZ_SUPPORT_SERVED_CALL_H_
+#define TESK_FUZZ_SUPPORT_SERVED_CALL_H_
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ky_loc_fw/log_capture.h"
+#include "ky_loc_fw/vela_test_control.h"
+#include "service/object.h"
+
+namespace fuzz_support {
+
+// Before the first request: answers come without latency, so that waiting
+// for them keeps every run the same, and nothing is logged.
+inline void UseInstantService() {
+  ky_loc_fw::log_set_sink([](void*, char, const char*, const char*) {}, nullptr, true);
+  const std::string text = ky_loc_fw::vela_test::DefaultScenarioText() + "\nlatency 0\n";
+  ky_loc_fw::vela_test::SetScenarioText(text.c_str());
+}
+
+// Waits for every answer and forgets the requests the service recorded.
+inline void SettleService() {
+  ky_loc_fw::vela_test::WaitIdle();
+  ky_loc_fw::vela_test::Reset();
+}
+
+// A client's callback object; deliveries come from the service's thread.
+struct CountingCallback {
+  Object object() { return Object{&CountingCallback::Invoke, this}; }
+  static int32_t Invoke(void* context, uint32_t op, ObjectArg*, uint32_t) {
+    auto* self = static_cast<CountingCallback*>(context);
+    const uint32_t o = op & OBJECT_OP_MASK;
+    ++(o == OBJECT_OP_RETAIN    ? self->retains
+       : o == OBJECT_OP_RELEASE ? self->releases
+                                : self->calls);
+    return OBJECT_OK;
+  }
+  // Every reference the daemon took must be given back once it let go of
+  // everything it was handed.
+  void CheckBalanced() const {
+    if (retains.load() != releases.load()) __builtin_trap();
+  }
+  std::atomic<int> retains{0}, releases{0}, calls{0};
+};
+
+// One call's arguments: input buffers as exact-size heap copies (a read past
+// what the peer declared is caught), empty output buffers, input objects,
+// then output objects preset to null. The array itself has exactly the
+// slots the counts word declares.
+class CallArgs {
+ public:
+  explicit CallArgs(uint32_t counts) : counts_(counts), args_(OBJECT_COUNTS_TOTAL(counts)) {}
+
+  unsigned in_bufs() const { return OBJECT_COUNTS_IN_BUFS(counts_); }
+  unsigned in_objs() const { return OBJECT_COUNTS_IN_OBJS(counts_); }
+  unsigned out_objs() const { return OBJECT_COUNTS_OUT_OBJS(counts_); }
+
+  void SetBuffer(unsigned i, const uint8_t* data, size_t size) {
+    copies_.emplace_back(data, data + size);
+    args_[i].b = ObjectBuf{size == 0 ? nullptr : copies_.back().data(), size};
+  }
+  void SetObject(unsigned i, Object o) {
+    args_[OBJECT_COUNTS_IN_BUFS(counts_) + OBJECT_COUNTS_OUT_BUFS(counts_) + i].o = o;
+  }
+  Object Output(unsigned i) const { return args_[args_.size() - out_objs() + i].o; }
+
+  int32_t Invoke(const Object& target, uint32_t op) {
+    for (unsigned i = 0; i < out_objs(); ++i) args_[args_.size() - out_objs() + i].o = kNullObject;
+    return target.invoke(target.context, op, args_.empty() ? nullptr : args_.data(), counts_);
+  }
+
+ private:
+  uint32_t counts_;
+  std::vector<ObjectArg> args_;
+  std::vector<std::vector<uint8_t>> copies_;
+};
+
+// One frame of a peer's byte stream: a 24-byte header (body size, type and
+// three reserved bytes, call id, handle, code, counts), then the body. For
+// an invoke the body holds a u64 size per input buffer, an 8-byte reference
+// per input object, then the buffers' bytes. Read leniently: whatever runs
+// past the end of the input is cut short.
+struct PeerFrame {
+  uint8_t type;
+  uint32_t handle, code, counts;
+  const uint8_t* body;
+  size_t body_size;
+
+  // The frame at *at, which then moves past it; false when no header is left.
+  static bool Next(const uint8_t* data, size_t size, size_t* at, PeerFrame* frame) {
+    constexpr size_t kHeaderSize = 24;
+    if (size - *at < kHeaderSize) return false;
+    uint32_t words[6];
+    memcpy(words, data + *at, sizeof words);
+    frame->type = static_cast<uint8_t>(words[1]);
+    frame->handle = words[3];
+    frame->code = words[4];
+    frame->counts = words[5];
+    *at += kHeaderSize;
+    frame->body = data + *at;
+    frame->body_size = words[0] < size - *at ? words[0] : size - *at;
+    *at += frame->body_size;
+    return true;
+  }
+
+  // An invoke's arguments; a non-null object reference becomes callback.
+  void FillArgs(CallArgs* args, Object callback) const {
+    size_t at = (args->in_bufs() + size_t{args->in_objs()}) * 8;
+    for (unsigned i = 0; i < args->in_bufs(); ++i) {
+      uint64_t declared = 0;
+      if ((i + 1) * 8 <= body_size) memcpy(&declared, body + i * 8, sizeof declared);
+      const size_t left = at < body_size ? body_size - at : 0;
+      const size_t n = declared < left ? static_cast<size_t>(declared) : left;
+      args->SetBuffer(i, body + (at < body_size ? at : 0), n);
+      at += n;
+    }
+    for (unsigned i = 0; i < args->in_objs(); ++i) {
+      const size_t ref = (args->in_bufs() + size_t{i}) * 8;
+      const bool null =
+          ref + 4 > body_size || (body[ref] | body[ref + 1] | body[ref + 2] | body[ref + 3]) == 0;
+      args->SetObject(i, null ? kNullObject : callback);
+    }
+  }
+};
+
+}  // namespace fuzz_support
+
+#endif  // TESK_FUZZ_SUPPORT_SERVED_CALL_H_
