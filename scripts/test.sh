@@ -15,6 +15,20 @@ export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_strin
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 
+# Android.bp files must be as bpfmt writes them; a device tree's presubmit
+# checks the same.
+check_blueprints() {
+  local files unformatted
+  files=$(find . -name Android.bp -not -path './build/*' | sort)
+  unformatted=$(bpfmt -l $files)
+  if [ -n "$unformatted" ]; then
+    bpfmt -d $files
+    echo "not formatted as bpfmt would: $unformatted" >&2
+    exit 1
+  fi
+  echo "bpfmt: $(echo $files) formatted"
+}
+
 build() {
   cmake --preset "$1" >/dev/null
   cmake --build --preset "$1"
@@ -24,6 +38,7 @@ for stage in "${stages[@]}"; do
   echo "==== $stage"
   case "$stage" in
     dev|asan|tsan)
+      if [ "$stage" = dev ]; then check_blueprints; fi
       build "$stage"
       ctest --preset "$stage"
       ;;
