@@ -250,11 +250,20 @@ void Measure(const Plan& plan, bool quick) {
   // Counted apart from the timing, each side on its own.
   const int counted = plan.per_repetition;
   const bench::ProcessCounters daemon_before = bench::ReadCounters(daemon_pid);
+  const auto daemon_threads_before = bench::ThreadSwitches(daemon_pid);
+  const auto own_threads_before = bench::ThreadSwitches(getpid());
   int64_t own_before = OwnContextSwitches();
   for (int i = 0; i < counted; ++i, ++scans) {
     if (client.Scan() < 0) return Fail("scan " + label, "a scan failed");
   }
   const bench::ProcessCounters daemon_after = bench::ReadCounters(daemon_pid);
+  std::printf("@note context switches per scan (voluntary+involuntary), %s: daemon: %s; client: %s\n", label.c_str(),
+              bench::SwitchesBetween(daemon_pid, daemon_threads_before,
+                                     bench::ThreadSwitches(daemon_pid), counted)
+                  .c_str(),
+              bench::SwitchesBetween(getpid(), own_threads_before, bench::ThreadSwitches(getpid()),
+                                     counted)
+                  .c_str());
   const double scan_switches =
       static_cast<double>(daemon_after.context_switches - daemon_before.context_switches +
                           OwnContextSwitches() - own_before) /
@@ -279,6 +288,7 @@ void Measure(const Plan& plan, bool quick) {
     bench::Row switches = bench::LimitRow("context switches per scan, " + label,
                                           FormatCount(scan_switches, ""), scan_switches, 8);
     switches.baseline = FormatCount(raw_switches, "");
+    switches.ratio = FormatCount(scan_switches / raw_switches, "") + "x";
     bench::PrintRow(switches);
   } else {
     bench::Row row;

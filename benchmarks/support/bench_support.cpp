@@ -81,6 +81,60 @@ int64_t StatusField(const std::string& path, const char* name) {
 
 }  // namespace
 
+namespace {
+
+// Voluntary and involuntary switches of one thread, or -1.
+int64_t TaskSwitches(const std::string& task) {
+  const int64_t voluntary = StatusField(task + "/status", "voluntary_ctxt_switches:");
+  const int64_t involuntary = StatusField(task + "/status", "nonvoluntary_ctxt_switches:");
+  return voluntary >= 0 && involuntary >= 0 ? voluntary + involuntary : -1;
+}
+
+template <typename Visit>
+void ForEachTask(pid_t pid, Visit visit) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  DIR* dir = opendir(tasks.c_str());
+  if (dir == nullptr) return;
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] != '.') visit(tasks + "/" + entry->d_name);
+  }
+  closedir(dir);
+}
+
+}  // namespace
+
+ThreadSwitchMap ThreadSwitches(pid_t pid) {
+  ThreadSwitchMap by_thread;
+  ForEachTask(pid, [&](const std::string& task) {
+    const int64_t voluntary = StatusField(task + "/status", "voluntary_ctxt_switches:");
+    const int64_t involuntary = StatusField(task + "/status", "nonvoluntary_ctxt_switches:");
+    if (voluntary < 0 || involuntary < 0) return;
+    by_thread[static_cast<pid_t>(std::stol(task.substr(task.rfind('/') + 1)))] = {voluntary,
+                                                                                involuntary};
+  });
+  return by_thread;
+}
+
+std::string SwitchesBetween(pid_t pid, const ThreadSwitchMap& before, const ThreadSwitchMap& after,
+                            double per) {
+  std::string text;
+  int index = 0;
+  for (const auto& [tid, n] : after) {
+    ++index;
+    const auto it = before.find(tid);
+    const auto old = it == before.end() ? std::pair<int64_t, int64_t>{0, 0} : it->second;
+    const double voluntary = static_cast<double>(n.first - old.first) / per;
+    const double involuntary = static_cast<double>(n.second - old.second) / per;
+    if (voluntary + involuntary < 0.05) continue;
+    char item[96];
+    const std::string name = tid == pid ? "main" : "thread " + std::to_string(index);
+    std::snprintf(item, sizeof item, "%s%s %.2f+%.2f", text.empty() ? "" : ", ", name.c_str(),
+                  voluntary, involuntary);
+    text += item;
+  }
+  return text.empty() ? "none" : text;
+}
+
 ProcessCounters ReadCounters(pid_t pid) {
   ProcessCounters counters;
   const std::string proc = "/proc/" + std::to_string(pid);
@@ -98,18 +152,9 @@ ProcessCounters ReadCounters(pid_t pid) {
   }
   counters.resident_kb = StatusField(proc + "/status", "VmRSS:");
   // /proc/PID/status counts the switches of the main thread only.
-  if (DIR* tasks = opendir((proc + "/task").c_str())) {
-    int64_t sum = 0;
-    while (dirent* entry = readdir(tasks)) {
-      if (entry->d_name[0] == '.') continue;
-      const std::string status = proc + "/task/" + entry->d_name + "/status";
-      const int64_t voluntary = StatusField(status, "voluntary_ctxt_switches:");
-      const int64_t involuntary = StatusField(status, "nonvoluntary_ctxt_switches:");
-      if (voluntary >= 0 && involuntary >= 0) sum += voluntary + involuntary;
-    }
-    closedir(tasks);
-    counters.context_switches = sum;
-  }
+  int64_t sum = 0;
+  ForEachTask(pid, [&](const std::string& task) { sum += std::max<int64_t>(TaskSwitches(task), 0); });
+  counters.context_switches = sum;
   return counters;
 }
 

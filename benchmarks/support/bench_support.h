@@ -8,6 +8,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,15 @@ struct ProcessCounters {
   int64_t resident_kb = -1;
 };
 ProcessCounters ReadCounters(pid_t pid);
+// Context switches of each live thread of a process, by thread id:
+// {voluntary, involuntary}.
+using ThreadSwitchMap = std::map<pid_t, std::pair<int64_t, int64_t>>;
+ThreadSwitchMap ThreadSwitches(pid_t pid);
+// The differences between two such maps per `per`, thread by thread in the
+// order they were started ("main 2+0.1, 2nd 3+0, ..."; voluntary +
+// involuntary); threads that did not switch are left out.
+std::string SwitchesBetween(pid_t pid, const ThreadSwitchMap& before, const ThreadSwitchMap& after,
+                            double per);
 
 // Command line common to all programs: --quick runs each measurement just
 // long enough to show that it works.
