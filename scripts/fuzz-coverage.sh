@@ -49,14 +49,16 @@ for name in "${targets[@]}"; do
     LLVM_PROFILE_FILE="$out/%p.profraw" xargs -0 "$build/bin/${name}_fuzzer" >"$out/run.log" 2>&1
   "$profdata" merge -sparse "$out"/*.profraw -o "$out/merged.profdata"
 
-  files=()
-  while read -r file _; do [ -n "$file" ] && files+=("$file"); done <"fuzz/$name/covers"
+  # ccache may have named sources relative to the build folder.
   report() {
     "$cov" report "$build/bin/${name}_fuzzer" "${objects[@]}" -instr-profile="$out/merged.profdata" \
-      -show-branch-summary=false -Xdemangler=c++filt "$@"
+      -path-equivalence="$PWD/$build/../..,$PWD" -show-branch-summary=false \
+      -Xdemangler=c++filt "$@"
   }
+  files=()
+  while read -r file _; do [ -n "$file" ] && files+=("$PWD/$file"); done <"fuzz/$name/covers"
   echo "== $name: ${#inputs[@]} inputs"
-  report "${files[@]}" | sed -E 's|^/.*/('"$(IFS='|'; echo "${files[*]}")"')|\1|'
+  report "${files[@]}" | sed "s#^$PWD/##"
   table=$(report -show-functions "${files[@]}")
   [ "$functions" = 1 ] && echo "$table"
   while read -r file wanted; do
