@@ -339,6 +339,13 @@ int main(int argc, char** argv) {
   const std::vector<Plan> plans =
       options.quick ? std::vector<Plan>{{21, 1, 5}, {1000, 1, 2}, {10000, 1, 1}}
                     : std::vector<Plan>{{21, 7, 300}, {1000, 7, 30}, {10000, 7, 6}};
-  for (const Plan& plan : plans) Measure(plan, options.quick);
+  // --aps N measures one neighbourhood only (to profile it, say).
+  size_t only = 0;
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], "--aps") == 0) only = std::strtoul(argv[i + 1], nullptr, 10);
+  }
+  for (const Plan& plan : plans) {
+    if (only == 0 || plan.aps == only) Measure(plan, options.quick);
+  }
   return 0;
 }
