@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Runs the whole test suite: the normal build (g++), the AddressSanitizer +
 # UndefinedBehaviorSanitizer build (clang, which also builds and briefly runs
-# every fuzzer), and the concurrency tests under ThreadSanitizer (clang).
-# Usage: scripts/test.sh [dev|asan|fuzz|tsan]...   (default: all of them)
+# every fuzzer), the concurrency tests under ThreadSanitizer (clang), and a
+# brief run of every benchmark so that none rots (their numbers never fail).
+# Usage: scripts/test.sh [dev|bench|asan|fuzz|tsan]...   (default: all of them)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 stages=("$@")
-[ ${#stages[@]} -eq 0 ] && stages=(dev asan fuzz tsan)
+[ ${#stages[@]} -eq 0 ] && stages=(dev bench asan fuzz tsan)
 fuzz_seconds=${TESK_FUZZ_SECONDS:-15}  # per target; scripts/fuzz.sh runs them longer
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
@@ -45,6 +46,9 @@ for stage in "${stages[@]}"; do
     fuzz)
       [ -d build/asan ] || build asan
       scripts/fuzz.sh "$fuzz_seconds"
+      ;;
+    bench)
+      scripts/bench.sh --quick --preset dev
       ;;
     *) echo "unknown stage $stage" >&2; exit 64 ;;
   esac

@@ -120,6 +120,7 @@ int main(int argc, char** argv) {
   bench::Row row = bench::LimitRow("system calls per small call",
                                    bench::FormatCount(library.at(""), ""), library.at(""), 5);
   row.baseline = bench::FormatCount(raw.at(""), "");
+  row.ratio = bench::FormatCount(library.at("") / raw.at(""), "") + "x";
   bench::PrintRow(row);
   std::printf("@note system calls per small call, library: %s; raw: %s\n",
               Breakdown(library).c_str(), Breakdown(raw).c_str());
