@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Runs libFuzzer targets of the asan build (AddressSanitizer +
 # UndefinedBehaviorSanitizer), each from its committed seeds and dictionary.
+# A target's folder may hold a dictionary (*.dict) and an options file (one
+# line of libFuzzer flags).
 # Usage: scripts/fuzz.sh [-j JOBS] [-k] SECONDS [TARGET...]
 #   SECONDS  run time per target
 #   TARGET   e.g. ipc_frame or ipc_frame_fuzzer; default: every target
@@ -22,7 +24,7 @@ while getopts "j:k" opt; do
   esac
 done
 shift $((OPTIND - 1))
-[ $# -ge 1 ] || { sed -n 4,11p "$0" >&2; exit 64; }
+[ $# -ge 1 ] || { sed -n 6,13p "$0" >&2; exit 64; }
 seconds=$1
 shift
 
@@ -56,6 +58,8 @@ run_one() {
   [ -d "fuzz/$name/corpus" ] && cp -r "fuzz/$name/corpus"/. "$corpus"/
   local args=(-max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$artifacts")
   for dict in fuzz/"$name"/*.dict; do [ -f "$dict" ] && args+=(-dict="$dict"); done
+  # A target's own libFuzzer flags, one line.
+  [ -f "fuzz/$name/options" ] && read -r -a extra <"fuzz/$name/options" && args+=("${extra[@]}")
   local status=0
   "$fuzzer" "${args[@]}" "$corpus" >"$log" 2>&1 || status=$?
   [ "$keep" = 1 ] || rm -rf "$corpus"
