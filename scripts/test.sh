@@ -3,7 +3,9 @@
 # UndefinedBehaviorSanitizer build (clang, which also builds and briefly runs
 # every fuzzer), the concurrency tests under ThreadSanitizer (clang), and a
 # brief run of every benchmark so that none rots (their numbers never fail).
-# Usage: scripts/test.sh [dev|bench|asan|fuzz|tsan]...   (default: all of them)
+# The soak stage runs the daemon under many good and bad clients at once for
+# a short while (scripts/soak.sh runs it longer).
+# Usage: scripts/test.sh [dev|bench|asan|fuzz|tsan|soak]...   (default: all but soak)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -42,6 +44,9 @@ for stage in "${stages[@]}"; do
       if [ "$stage" = dev ]; then check_blueprints; fi
       build "$stage"
       ctest --preset "$stage"
+      ;;
+    soak)
+      scripts/soak.sh "${TESK_SOAK_SECONDS:-40}"
       ;;
     fuzz)
       [ -d build/asan ] || build asan

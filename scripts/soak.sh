@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Runs the daemon under many clients at once (tests/soak):
+#   faults:   clients scanning, ranging, releasing early, killed mid-scan or
+#             mid-registration, slow, silent, not reading, sending malformed
+#             frames, while the simulated location service injects faults;
+#   pressure: 1,000 slow senders, 50 late, silent or non-reading callback
+#             clients and memory-pinning clients while teskctl scans.
+# Each prints its figures and fails when the daemon did not come back to its
+# baseline. Usage: scripts/soak.sh [SECONDS]   (fault soak length, default 180)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+seconds=${1:-180}
+
+cmake --preset dev >/dev/null
+cmake --build --preset dev --target tesk_soak tesk teskctl tarnsocket
+build/dev/bin/tesk_soak faults --seconds "$seconds"
+build/dev/bin/tesk_soak pressure

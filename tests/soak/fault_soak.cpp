@@ -1,0 +1,179 @@
+#include "tests/soak/fault_soak.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "tests/soak/soak_support.h"
+#include "tests/support/temp_dir.h"
+
+namespace tesk_soak {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// The built-in neighbourhood plus every kind of fault, each on its own
+// residue of the request ids so that all of them recur throughout.
+std::string FaultScenario() {
+  std::ifstream neighbourhood(TESK_SOAK_NEIGHBOURHOOD);
+  std::stringstream text;
+  text << neighbourhood.rdbuf() << "\n";
+  const std::pair<const char*, unsigned> faults[] = {
+      {"drop", 7},          {"null", 13},      {"wrong-type", 19}, {"odd-type", 23},
+      {"odd-measurement", 29}, {"duplicate", 31}, {"refuse", 43},     {"status", 37},
+  };
+  for (const auto& [fault, residue] : faults) {
+    text << "fault " << fault << " ";
+    for (unsigned id = residue; id < 200000; id += 50) text << (id == residue ? "" : ",") << id;
+    text << (std::string(fault) == "status" ? " 3\n" : "\n");
+  }
+  return text.str();
+}
+
+struct RoleTotals {
+  int clients = 0;
+  std::map<std::string, long> fields;
+};
+
+// Sums the report lines per role.
+std::map<std::string, RoleTotals> ReadReports(const std::string& path) {
+  std::map<std::string, RoleTotals> totals;
+  std::ifstream in(path);
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream words(line);
+    std::string word, role;
+    std::map<std::string, long> fields;
+    while (words >> word) {
+      const size_t eq = word.find('=');
+      if (word.compare(0, eq, "role") == 0) {
+        role = word.substr(eq + 1);
+      } else {
+        fields[word.substr(0, eq)] = std::stol(word.substr(eq + 1));
+      }
+    }
+    ++totals[role].clients;
+    for (const auto& [name, value] : fields) totals[role].fields[name] += value;
+  }
+  return totals;
+}
+
+}  // namespace
+
+int RunFaultSoak(double seconds, int clients) {
+  tesk_test::TempDir dir;
+  const std::string scenario = dir.Join("faults.scn");
+  std::ofstream(scenario) << FaultScenario();
+  const std::string report = dir.Join("reports");
+
+  tesk_test::DaemonProcess::Options daemon_options;
+  daemon_options.environment = {"VELA_SCENARIO=" + scenario};
+  daemon_options.log_levels = "tesk=2";
+  tesk_test::DaemonProcess daemon(daemon_options);
+  if (!daemon.WaitUntilServing()) {
+    fprintf(stderr, "soak: the daemon does not serve\n%s", daemon.Log().c_str());
+    return 1;
+  }
+  RoleOptions options{daemon.socket_path(), 0, 1.0, dir.Join("warm-up")};
+  // A first scan creates the location client: part of the baseline.
+  waitpid(StartClient("scan", options), nullptr, 0);
+  std::this_thread::sleep_for(milliseconds(500));
+  const DaemonFigures baseline = ReadFigures(daemon);
+
+  std::minstd_rand random(20261124);
+  std::map<pid_t, Clock::time_point> running;  // pid -> when the soak kills it (or never)
+  int started = 0, killed_by_soak = 0, failed = 0;
+  const auto deadline = Clock::now() + milliseconds(static_cast<int64_t>(seconds * 1000));
+  options.report_path = report;
+  while (Clock::now() < deadline || !running.empty()) {
+    const auto now = Clock::now();
+    while (now < deadline && static_cast<int>(running.size()) < clients) {
+      const std::string& role = RoleNames()[started % RoleNames().size()];
+      options.seed = static_cast<unsigned>(++started);
+      const double left = std::chrono::duration<double>(deadline - now).count();
+      options.seconds = std::min(left, 1.0 + static_cast<double>(random() % 5000) / 1000);
+      const pid_t pid = StartClient(role, options);
+      // One client in eight is killed from outside at a moment of no choosing.
+      running[pid] = random() % 8 == 0 ? now + milliseconds(random() % 1500) : Clock::time_point::max();
+    }
+    for (auto& [pid, kill_at] : running) {
+      if (now >= kill_at) {
+        kill(pid, SIGKILL);
+        ++killed_by_soak;
+        kill_at = Clock::time_point::max();
+      }
+    }
+    bool reaped = false;
+    for (auto it = running.begin(); it != running.end();) {
+      int status = 0;
+      // Only our clients: the daemon is a child of this process too.
+      if (waitpid(it->first, &status, WNOHANG) == it->first) {
+        if (WIFEXITED(status) && WEXITSTATUS(status) != 0) ++failed;
+        it = running.erase(it);
+        reaped = true;
+      } else {
+        ++it;
+      }
+    }
+    if (!reaped) std::this_thread::sleep_for(milliseconds(10));
+  }
+
+  // Give the daemon time to notice the last deaths and let go of everything.
+  HandleCounts handles;
+  DaemonFigures end;
+  const auto settle_deadline = Clock::now() + std::chrono::seconds(30);
+  do {
+    std::this_thread::sleep_for(milliseconds(200));
+    handles = CountHandles(daemon);
+    end = ReadFigures(daemon);
+  } while (Clock::now() < settle_deadline &&
+           (handles.started != handles.released || end.descriptors > baseline.descriptors ||
+            end.resident_kib > baseline.resident_kib + 16 * 1024));
+
+  KeepLog(daemon);
+  const long answer_ms = TimedTeskctlScan(daemon.socket_path());
+  const bool alive = daemon.Running();
+
+  long retained = 0, released = 0;
+  printf("fault soak: %.0f s, %d clients at once, %d clients started, %d killed by the soak\n",
+         seconds, clients, started, killed_by_soak);
+  printf("  %-14s %7s %8s %8s %8s %10s %10s %6s %9s %9s\n", "role", "clients", "started",
+         "refused", "results", "unanswered", "reconnects", "ended", "retained", "released");
+  for (const auto& [role, totals] : ReadReports(report)) {
+    auto f = totals.fields;
+    printf("  %-14s %7d %8ld %8ld %8ld %10ld %10ld %6ld %9ld %9ld\n", role.c_str(), totals.clients,
+           f["started"], f["refused"], f["results"], f["unanswered"], f["reconnects"], f["ended"],
+           f["retained"], f["released"]);
+    retained += f["retained"];
+    released += f["released"];
+  }
+  printf("  clients reporting a fault: %d\n", failed);
+  printf("  client callbacks: retained %ld, released %ld\n", retained, released);
+  printf("  scan handles: given %zu, taken back %zu (pending: %ld)\n", handles.started,
+         handles.released, static_cast<long>(handles.started - handles.released));
+  printf("  connections the library ended: %zu\n", daemon.CountInLog("tarnsocket: Connection"));
+  printf("  daemon descriptors: baseline %d, end %d\n", baseline.descriptors, end.descriptors);
+  printf("  daemon resident: baseline %ld KiB, end %ld KiB (+%ld KiB)\n", baseline.resident_kib,
+         end.resident_kib, end.resident_kib - baseline.resident_kib);
+  printf("  daemon threads: baseline %d, end %d\n", baseline.threads, end.threads);
+  printf("  daemon alive: %s, teskctl scan afterwards: %s (%ld ms)\n", alive ? "yes" : "no",
+         answer_ms >= 0 ? "ok" : "failed", answer_ms);
+
+  const bool ok = alive && answer_ms >= 0 && failed == 0 && retained == released &&
+                  handles.started == handles.released &&
+                  end.descriptors <= baseline.descriptors &&
+                  end.resident_kib <= baseline.resident_kib + 16 * 1024;
+  printf("fault soak: %s\n", ok ? "PASSED" : "FAILED");
+  return ok ? 0 : 1;
+}
+
+}  // namespace tesk_soak
