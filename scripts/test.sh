@@ -12,7 +12,7 @@ scripts/install-deps.sh
 
 stages=("$@")
 [ ${#stages[@]} -eq 0 ] && stages=(dev bench asan fuzz tsan)
-fuzz_seconds=${TESK_FUZZ_SECONDS:-15}  # per target; scripts/fuzz.sh runs them longer
+fuzz_seconds=${TESK_FUZZ_SECONDS:-12}  # per target; scripts/fuzz.sh runs them longer
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
