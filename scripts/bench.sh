@@ -3,19 +3,25 @@
 # project's value, the baseline measured in the same run, their ratio and the
 # goal. Numbers never make it fail; a benchmark that crashes or cannot
 # measure does (exit 1), so a quick run in CI keeps them from rotting.
-# Usage: scripts/bench.sh [--quick] [--preset NAME]
+# Usage: scripts/bench.sh [--quick] [--preset NAME] [--profile PROGRAM [ARG...]]
 #   --quick        each measurement just long enough to work (seconds in all)
 #   --preset NAME  CMake preset to build and run (default: release)
+#   --profile PROGRAM [ARG...]  instead of the table: runs one benchmark
+#                  program (its children too) under perf record and prints
+#                  where the time went by process and library, then by
+#                  function (needs perf, Debian package linux-perf)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 quick=""
 preset=release
+profile=()
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) quick=--quick ;;
     --preset) preset=${2:?--preset needs a name}; shift ;;
-    -h|--help) sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --profile) shift; profile=("$@"); [ ${#profile[@]} -gt 0 ] || exit 64; break ;;
+    -h|--help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "bench.sh: unknown argument $1" >&2; exit 64 ;;
   esac
   shift
@@ -32,6 +38,19 @@ cmake --build --preset "$preset" --target tesk "${programs[@]}"
 bin=build/$preset/bin
 logs=build/$preset/bench
 mkdir -p "$logs"
+
+if [ ${#profile[@]} -gt 0 ]; then
+  command -v perf >/dev/null || { echo "bench.sh: --profile needs perf" >&2; exit 1; }
+  data=$logs/${profile[0]}.perf.data
+  # cpu-clock works where hardware counters are not offered (virtual machines).
+  perf record -q -e cpu-clock -F 4000 -o "$data" -- "$bin/${profile[0]}" "${profile[@]:1}"
+  for sort in comm,dso comm,dso,sym; do
+    echo "== where the time went, by ${sort//,/, }"
+    perf report -i "$data" --stdio --sort "$sort" 2>/dev/null | grep -v '^#' | grep -v '^$' |
+      head -n 30
+  done
+  exit 0
+fi
 failed=()
 for program in "${programs[@]}"; do
   echo "== $program $quick (output in $logs/$program.log)"

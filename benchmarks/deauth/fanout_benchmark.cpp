@@ -4,6 +4,7 @@
 // result) to 100 processes. Everything runs on one core; event and raw
 // rounds alternate and their medians are compared.
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -29,6 +30,7 @@ constexpr size_t kAnswer = 4;
 
 // A raw peer: answers each event record with 4 bytes.
 [[noreturn]] void RawPeer(int fd) {
+  prctl(PR_SET_NAME, "raw peer");  // for profiles
   DeauthEvent event{};
   uint32_t answer = 0;
   while (bench::ReadFull(fd, &event, sizeof event) && bench::WriteFull(fd, &answer, kAnswer)) {
@@ -39,6 +41,7 @@ constexpr size_t kAnswer = 4;
 // A watcher: once `start` ends, connects, registers a callback with the
 // monitor, says so on `ready` and waits to be killed.
 [[noreturn]] void Watcher(const std::string& path, int start, int ready) {
+  prctl(PR_SET_NAME, "watcher");
   char byte;
   (void)!read(start, &byte, 1);
   Object root = kNullObject, monitor = kNullObject;

@@ -4,6 +4,7 @@
 // library phases alternate, and the medians over the repetitions are
 // compared. Not pinned: many callers are meant to use every core.
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +27,7 @@ struct Phase {
 // calls for `seconds` and sends back every latency (float ns).
 [[noreturn]] void Caller(const bench::PeerServer& server, bool library, double seconds, int ready,
                          int go, int out) {
+  prctl(PR_SET_NAME, library ? "library caller" : "raw caller");  // for profiles
   bench::SmallCaller caller;
   const bool connected =
       (library ? caller.ConnectLibrary(server.path) : caller.ConnectRaw(server.path)) &&

@@ -1,6 +1,7 @@
 #include "benchmarks/ipc/small_call_peers.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -42,12 +43,13 @@ int32_t SmallInvoke(void*, uint32_t op, ObjectArg* args, uint32_t counts) {
 // Forks a server that binds `path` and runs `serve` on the bound socket;
 // returns once it listens.
 template <typename Serve>
-PeerServer Fork(const std::string& path, Serve serve) {
+PeerServer Fork(const char* name, const std::string& path, Serve serve) {
   unlink(path.c_str());
   int ready[2];
   if (pipe(ready) != 0) return {};
   const pid_t pid = fork();
   if (pid == 0) {
+    prctl(PR_SET_NAME, name);  // for profiles
     close(ready[0]);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_un address = Address(path);
@@ -79,7 +81,7 @@ void PeerServer::Stop() {
 }
 
 PeerServer StartLibraryServer() {
-  return Fork(FreshPath("library"), [](int fd, int ready) {
+  return Fork("library server", FreshPath("library"), [](int fd, int ready) {
     void* service = TarnIPC_startServiceOnSocket(fd, SmallInvoke, nullptr);
     if (service == nullptr) _exit(1);
     const char byte = 1;
@@ -89,7 +91,7 @@ PeerServer StartLibraryServer() {
 }
 
 PeerServer StartRawServer() {
-  return Fork(FreshPath("raw"), [](int fd, int ready) {
+  return Fork("raw server", FreshPath("raw"), [](int fd, int ready) {
     const char byte = 1;
     WriteFull(ready, &byte, 1);
     for (;;) {

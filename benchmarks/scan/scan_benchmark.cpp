@@ -7,6 +7,7 @@
 // scan costs in context switches, the daemon's page faults per scan and its
 // resident memory over many scans.
 #include <signal.h>
+#include <sys/prctl.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -45,6 +46,7 @@ constexpr int kRawPeerFd = 3;
 // The spawned peer of the raw round trip: reads `in` bytes, answers `out`
 // bytes, until its socket ends.
 int RawPeerMain(size_t in, size_t out) {
+  prctl(PR_SET_NAME, "raw peer");  // for profiles
   std::vector<uint8_t> buffer(std::max(in, out), 1);
   while (bench::ReadFull(kRawPeerFd, buffer.data(), in) &&
          bench::WriteFull(kRawPeerFd, buffer.data(), out)) {
