@@ -175,6 +175,20 @@ int ScanLoop(const std::string& role, const RoleOptions& options, uint32_t inter
   return client.Finish(role);
 }
 
+// Registers a fresh callback for disconnect events: the monitor's answer,
+// and the token in *token when it is 0.
+int32_t Register(Client& client, Object* token) {
+  CountingCallback& callback = client.NewCallback(0);
+  ObjectArg args[2];
+  args[0].o = callback.object();
+  args[1].o = kNullObject;
+  const Object monitor = client.service();
+  const int32_t result =
+      monitor.invoke(monitor.context, OBJECT_OP_METHOD, args, OBJECT_COUNTS(0, 0, 1, 1));
+  *token = args[1].o;
+  return result;
+}
+
 int Deauth(const RoleOptions& options) {
   Client client(options, teskclient::kDeauthMonitorInterface);
   while (client.TimeLeft()) {
@@ -182,13 +196,8 @@ int Deauth(const RoleOptions& options) {
       std::this_thread::sleep_for(milliseconds(50));
       continue;
     }
-    CountingCallback& callback = client.NewCallback(0);
-    ObjectArg args[2];
-    args[0].o = callback.object();
-    args[1].o = kNullObject;
-    const Object monitor = client.service();
-    const int32_t result =
-        monitor.invoke(monitor.context, OBJECT_OP_METHOD, args, OBJECT_COUNTS(0, 0, 1, 1));
+    Object token;
+    const int32_t result = Register(client, &token);
     if (result < 0) {
       client.Lost();
       continue;
@@ -197,7 +206,7 @@ int Deauth(const RoleOptions& options) {
     std::this_thread::sleep_for(milliseconds(client.random()() % 200));
     // The registration ends with the token; the daemon then lets go of the
     // callback, which Finish sees as balance.
-    if (result == OBJECT_OK) ObjectRelease(args[1].o);
+    if (result == OBJECT_OK) ObjectRelease(token);
   }
   return client.Finish("deauth");
 }
@@ -209,11 +218,10 @@ int Deauth(const RoleOptions& options) {
 }
 
 int KillMidScan(const RoleOptions& options) {
-  Client client(options, options.seed % 2 == 0 ? teskclient::kDiscoveryScanInterface
-                                               : teskclient::kRangingScanInterface);
-  if (!client.Open()) return 0;
   const uint32_t interface = options.seed % 2 == 0 ? teskclient::kDiscoveryScanInterface
                                                    : teskclient::kRangingScanInterface;
+  Client client(options, interface);
+  if (!client.Open()) return 0;
   const int scans = 1 + static_cast<int>(client.random()() % 4);
   for (int i = 0; i < scans; ++i) {
     CountingCallback* callback = nullptr;
@@ -228,15 +236,8 @@ int KillMidRegistration(const RoleOptions& options) {
   if (!client.Open()) return 0;
   std::thread registering([&client] {
     for (;;) {
-      CountingCallback& callback = client.NewCallback(0);
-      ObjectArg args[2];
-      args[0].o = callback.object();
-      args[1].o = kNullObject;
-      const Object monitor = client.service();
-      if (monitor.invoke(monitor.context, OBJECT_OP_METHOD, args, OBJECT_COUNTS(0, 0, 1, 1)) ==
-          OBJECT_OK) {
-        ObjectRelease(args[1].o);
-      }
+      Object token;
+      if (Register(client, &token) == OBJECT_OK) ObjectRelease(token);
     }
   });
   registering.detach();

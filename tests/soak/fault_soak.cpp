@@ -69,7 +69,8 @@ std::map<std::string, RoleTotals> ReadReports(const std::string& path) {
 
 }  // namespace
 
-int RunFaultSoak(double seconds, int clients) {
+int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& only) {
+  const std::vector<std::string>& roles = only.empty() ? RoleNames() : only;
   tesk_test::TempDir dir;
   const std::string scenario = dir.Join("faults.scn");
   std::ofstream(scenario) << FaultScenario();
@@ -97,7 +98,7 @@ int RunFaultSoak(double seconds, int clients) {
   while (Clock::now() < deadline || !running.empty()) {
     const auto now = Clock::now();
     while (now < deadline && static_cast<int>(running.size()) < clients) {
-      const std::string& role = RoleNames()[started % RoleNames().size()];
+      const std::string& role = roles[static_cast<size_t>(started) % roles.size()];
       options.seed = static_cast<unsigned>(++started);
       const double left = std::chrono::duration<double>(deadline - now).count();
       options.seconds = std::min(left, 1.0 + static_cast<double>(random() % 5000) / 1000);

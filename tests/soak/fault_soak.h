@@ -4,10 +4,14 @@
 #ifndef TESK_TESTS_SOAK_FAULT_SOAK_H_
 #define TESK_TESTS_SOAK_FAULT_SOAK_H_
 
+#include <string>
+#include <vector>
+
 namespace tesk_soak {
 
 // Returns 0 when every end condition held; prints the figures either way.
-int RunFaultSoak(double seconds, int clients);
+// `roles`: the client roles handed out in turn (empty: all of them).
+int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& roles);
 
 }  // namespace tesk_soak
 

@@ -27,17 +27,46 @@ int RawConnect(const std::string& socket_path) {
   return -1;
 }
 
+namespace {
+
+FrameHeader Header(uint8_t type, uint32_t body_size, uint32_t call_id, uint32_t handle,
+                   uint32_t code, uint32_t counts) {
+  // Field by field: any byte the protocol adds later stays zero.
+  FrameHeader header{};
+  header.type = type;
+  header.body_size = body_size;
+  header.call_id = call_id;
+  header.handle = handle;
+  header.code = code;
+  header.counts = counts;
+  return header;
+}
+
+template <typename T>
+void Append(Bytes* bytes, const T& value) {
+  const auto* raw = reinterpret_cast<const uint8_t*>(&value);
+  bytes->insert(bytes->end(), raw, raw + sizeof value);
+}
+
+}  // namespace
+
 Bytes InvokeFrame(uint32_t call_id, uint32_t handle, uint32_t op, const std::vector<Bytes>& buffers,
                   uint32_t callback_handle, unsigned out_objs) {
-  uint64_t sizes[tarnsocket::kMaxSlots] = {};
-  for (size_t i = 0; i < buffers.size(); ++i) sizes[i] = buffers[i].size();
-  const ObjectRef callback{tarnsocket::kRefSenderExport, callback_handle};
   const unsigned in_objs = callback_handle != 0 ? 1 : 0;
+  Bytes meta;
+  size_t data = 0;
+  for (const Bytes& buffer : buffers) {
+    Append(&meta, uint64_t{buffer.size()});
+    data += buffer.size();
+  }
+  if (in_objs != 0) Append(&meta, ObjectRef{tarnsocket::kRefSenderExport, callback_handle});
   const uint32_t counts =
       OBJECT_COUNTS(static_cast<unsigned>(buffers.size()), 0, in_objs, out_objs);
-  Bytes frame(tarnsocket::kMaxHeadSize);
-  frame.resize(tarnsocket::EncodeInvokeHead(frame.data(), call_id, handle, op, counts, sizes,
-                                            &callback));
+  Bytes frame;
+  frame.reserve(sizeof(FrameHeader) + meta.size() + data);
+  Append(&frame, Header(tarnsocket::kFrameInvoke, static_cast<uint32_t>(meta.size() + data),
+                        call_id, handle, op, counts));
+  frame.insert(frame.end(), meta.begin(), meta.end());
   for (const Bytes& buffer : buffers) frame.insert(frame.end(), buffer.begin(), buffer.end());
   return frame;
 }
@@ -104,49 +133,34 @@ bool WaitForEnd(int fd, std::chrono::milliseconds timeout) {
   }
 }
 
-namespace {
-
-Bytes HeaderOnly(FrameHeader header) {
-  Bytes bytes(sizeof header);
-  memcpy(bytes.data(), &header, sizeof header);
-  return bytes;
-}
-
-Bytes WithBody(const FrameHeader& header, const Bytes& body) {
-  Bytes bytes = HeaderOnly(header);
-  bytes.insert(bytes.end(), body.begin(), body.end());
-  return bytes;
-}
-
-}  // namespace
-
 std::vector<MalformedFrame> MalformedFrames() {
-  const Bytes id{1, 0, 0, 0};
-  std::vector<MalformedFrame> frames;
-  FrameHeader h{};
-  h = {0, 9, {0, 0, 0}, 1, 0, 0, 0};
-  frames.push_back({"unknown frame type", HeaderOnly(h)});
-  h = {0, tarnsocket::kFrameRelease, {1, 0, 0}, 0, 0, 1, 0};
-  frames.push_back({"reserved bytes set", HeaderOnly(h)});
-  h = {(64u << 20) + 1, tarnsocket::kFrameInvoke, {0, 0, 0}, 1, 0, 0, 0};
-  frames.push_back({"body over the frame limit", HeaderOnly(h)});
-  h = {0, tarnsocket::kFrameInvoke, {0, 0, 0}, 1, 0, 0, OBJECT_COUNTS(0, 1, 0, 0)};
-  frames.push_back({"output buffers declared", HeaderOnly(h)});
-  h = {0, tarnsocket::kFrameInvoke, {0, 0, 0}, 1, 0, OBJECT_OP_RETAIN, 0};
-  frames.push_back({"retain sent as a call", HeaderOnly(h)});
-  frames.push_back({"call on a handle never given", InvokeFrame(1, 77, 0, {id}, 0, 1)});
-  h = {0, tarnsocket::kFrameRelease, {0, 0, 0}, 0, 77, 1, 0};
-  frames.push_back({"release of a handle never given", HeaderOnly(h)});
-  h = {0, tarnsocket::kFrameReply, {0, 0, 0}, 999, 0, 0, 0};
-  frames.push_back({"answer to no call", HeaderOnly(h)});
-  h = {8 + 4, tarnsocket::kFrameInvoke, {0, 0, 0}, 1, 0, 0, OBJECT_COUNTS(1, 0, 0, 1)};
-  frames.push_back({"buffer sizes beyond the body", WithBody(h, {100, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0})});
-  h = {8, tarnsocket::kFrameInvoke, {0, 0, 0}, 1, 0, 0, OBJECT_COUNTS(0, 0, 1, 1)};
-  frames.push_back({"object reference of no kind", WithBody(h, {7, 0, 0, 0, 1, 0, 0, 0})});
+  using tarnsocket::kFrameInvoke;
+  using tarnsocket::kFrameRelease;
+  using tarnsocket::kFrameReply;
+  auto header_only = [](const FrameHeader& header) {
+    Bytes bytes;
+    Append(&bytes, header);
+    return bytes;
+  };
   Bytes noise(64);
   for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<uint8_t>(i * 37 + 11);
-  frames.push_back({"noise", noise});
-  return frames;
+  Bytes bad_sizes = header_only(Header(kFrameInvoke, 12, 1, 0, 0, OBJECT_COUNTS(1, 0, 0, 1)));
+  Append(&bad_sizes, uint64_t{100});
+  Append(&bad_sizes, uint32_t{1});
+  Bytes bad_ref = header_only(Header(kFrameInvoke, 8, 1, 0, 0, OBJECT_COUNTS(0, 0, 1, 1)));
+  Append(&bad_ref, ObjectRef{7, 1});
+  return {
+      {"unknown frame type", header_only(Header(9, 0, 1, 0, 0, 0))},
+      {"body over the frame limit", header_only(Header(kFrameInvoke, (64u << 20) + 1, 1, 0, 0, 0))},
+      {"output buffers declared", header_only(Header(kFrameInvoke, 0, 1, 0, 0, OBJECT_COUNTS(0, 1, 0, 0)))},
+      {"retain sent as a call", header_only(Header(kFrameInvoke, 0, 1, 0, OBJECT_OP_RETAIN, 0))},
+      {"call on a handle never given", InvokeFrame(1, 77, 0, {{1, 0, 0, 0}}, 0, 1)},
+      {"release of a handle never given", header_only(Header(kFrameRelease, 0, 0, 77, 1, 0))},
+      {"answer to no call", header_only(Header(kFrameReply, 0, 999, 0, 0, 0))},
+      {"buffer sizes beyond the body", bad_sizes},
+      {"object reference of no kind", bad_ref},
+      {"noise", noise},
+  };
 }
 
 }  // namespace tesk_soak

@@ -1,10 +1,12 @@
 // tesk_soak: runs the daemon and many client processes against it.
-//   tesk_soak faults [--seconds N] [--clients N]
+//   tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]
 //   tesk_soak pressure [--slow-senders N] [--callback-clients N] [--bound-ms N]
 //   tesk_soak --role NAME ...   (one client; the soak starts itself this way)
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "tests/soak/client_roles.h"
 #include "tests/soak/fault_soak.h"
@@ -15,7 +17,7 @@ namespace {
 
 int Usage() {
   fprintf(stderr,
-          "usage: tesk_soak faults [--seconds N] [--clients N]\n"
+          "usage: tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]\n"
           "       tesk_soak pressure [--slow-senders N] [--callback-clients N] "
           "[--pinning-connections N] [--bound-ms N]\n");
   return 64;
@@ -30,6 +32,7 @@ int main(int argc, char** argv) {
   tesk_soak::RoleOptions role_options;
   double seconds = 45;
   int clients = 24;
+  std::vector<std::string> roles;
   tesk_soak::PressureOptions pressure;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string name = argv[i];
@@ -44,6 +47,9 @@ int main(int argc, char** argv) {
       seconds = role_options.seconds = std::stod(value);
     } else if (name == "--report") {
       role_options.report_path = value;
+    } else if (name == "--roles") {
+      std::stringstream list(value);
+      for (std::string one; std::getline(list, one, ',');) roles.push_back(one);
     } else if (name == "--clients") {
       clients = std::stoi(value);
     } else if (name == "--slow-senders") {
@@ -62,7 +68,7 @@ int main(int argc, char** argv) {
   }
   if (!role.empty()) return tesk_soak::RunRole(role, role_options);
   tesk_soak::RaiseDescriptorLimit();
-  if (mode == "faults") return tesk_soak::RunFaultSoak(seconds, clients);
+  if (mode == "faults") return tesk_soak::RunFaultSoak(seconds, clients, roles);
   if (mode == "pressure") return tesk_soak::RunPressureSoak(pressure);
   return Usage();
 }
