@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     uint8_t head[kMaxHeadSize];
     const size_t used = EncodeInvokeHead(head, header.call_id, header.handle, header.code,
-                                         header.counts, meta.sizes, meta.objects);
+                                         header.counts, meta.sizes, meta.objects, header.depth);
     if (used != sizeof header + meta_size || memcmp(head, data, used) != 0) abort();
   } else if (header.type == kFrameReply) {
     if (available < header.body_size) return 0;

@@ -9,26 +9,28 @@
 #include <cstdio>
 #include <utility>
 
-#include "call_timeout.h"
 #include "endpoint.h"
 #include "log.h"
 #include "thread_context.h"
 
 namespace tarnsocket {
-namespace {
-
-constexpr size_t kReadAhead = size_t{16} * 1024;
-
-}  // namespace
 
 Connection::Connection(int fd, Side side, Endpoint* endpoint, uint64_t id)
-    : fd_(fd), side_(side), endpoint_(endpoint), id_(id), timeout_ms_(CallTimeoutMs()) {
-  SetSocketTimeouts(fd_, timeout_ms_);
+    : fd_(fd),
+      side_(side),
+      endpoint_(endpoint),
+      id_(id),
+      limits_(ReadLimits()),
+      peer_timeout_ms_(side == Side::kServer ? limits_.callback_timeout_ms
+                                             : limits_.call_timeout_ms),
+      // Limits on what the peer sends protect a service from its clients.
+      reader_(limits_.frame_timeout_ms,
+              side == Side::kServer ? limits_.max_call_bytes : kMaxBodySize) {
+  SetShortReceiveWait(fd_);
   ucred cred{};
   socklen_t len = sizeof cred;
   if (getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) peer_pid_ = cred.pid;
   waiters_.reserve(16);
-  in_.resize(kReadAhead);
 }
 
 Connection::~Connection() {
@@ -44,12 +46,27 @@ void Connection::CloseWithLog(const char* format, ...) {
   Close(text);
 }
 
+void Connection::LogRefusal(bool* logged, const char* format, ...) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (*logged) return;
+    *logged = true;
+  }
+  char text[256];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  LogWarning("Connection to pid %d: %s", peer_pid_, text);
+}
+
 void Connection::Close(const char* why) {
   std::vector<Object> released;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return;
     closed_ = true;
+    unwatched_since_ns_.store(0);
     exports_.ForgetPeer(&released);
     // Proxies stay valid for their holders; their calls now fail at once.
     imports_.clear();

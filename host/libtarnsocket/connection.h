@@ -2,23 +2,28 @@
 // other, the calls waiting for answers, and the read side, which is held by
 // one thread at a time (leader/follower): a caller waiting for its answer
 // reads it itself; a worker that reads a call serves it itself after giving
-// the read side back; the endpoint's monitor wakes a worker only when data
-// arrives while nobody reads.
+// the read side back; the endpoint's monitor reads what arrives while
+// nobody else does and wakes a worker only for a frame that is whole.
 #ifndef TARNSOCKET_CONNECTION_H_
 #define TARNSOCKET_CONNECTION_H_
 
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
 
+#include "clock.h"
 #include "export_table.h"
 #include "frame.h"
+#include "frame_reader.h"
 #include "invoke_frame.h"
+#include "limits.h"
 #include "proxy.h"
 #include "service/object.h"
 #include "socket_io.h"
@@ -27,11 +32,15 @@ namespace tarnsocket {
 
 class Endpoint;
 
+// How long a socket may stay unwatched while the worker that read a call
+// serves it; a call that takes longer gets its socket watched again.
+constexpr std::chrono::milliseconds kUnwatchedGrace{5};
+
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
   enum class Side { kServer, kClient };
 
-  // Takes fd, a connected stream socket, and sets its timeouts.
+  // Takes fd, a connected stream socket.
   Connection(int fd, Side side, Endpoint* endpoint, uint64_t id);
   ~Connection();
   Connection(const Connection&) = delete;
@@ -49,13 +58,20 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void RetainProxy(Proxy* proxy);
   void ReleaseProxy(Proxy* proxy);
 
-  // The monitor saw the socket ready; true if the caller must now start a
-  // worker on ServeAsReader.
-  bool ClaimReadSide();
-  // Reads and serves until the read side is handed on.
+  // The monitor saw the socket readable: reads what came without waiting.
+  // True if a frame is whole and the caller must now start a worker on
+  // ServeAsReader, which then holds the read side.
+  bool ReadForMonitor();
+  // Handles frames until the read side is handed on.
   void ServeAsReader();
   // Serves a call that a waiting caller read and handed over.
   void ServeHandedOver(InvokeFrame* frame);
+
+  // The monitor's regular look: watches the socket again if a served call
+  // has left it unwatched for longer than kUnwatchedGrace (at once if
+  // `ticking` is false), and ends the connection if a frame is overdue.
+  // True while a frame is partly read.
+  bool Sweep(Clock::time_point now, bool ticking);
 
   // Ends the connection; why, if not null, is logged. Every reference the
   // peer held is released, every waiting call fails.
@@ -69,7 +85,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
     uint32_t call_id = 0;
     unsigned out_objs = 0;
     bool done = false;
-    bool timed_out = false;
     int32_t result = 0;
     Object outs[kMaxSlots] = {};
     bool pinned[kMaxSlots] = {};
@@ -77,67 +92,96 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Clock::time_point deadline;
     std::condition_variable cv;
   };
+  enum class Accepted { kServe, kRefused, kEnded };
 
   void CloseWithLog(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  // Logs once per connection and kind of refusal.
+  void LogRefusal(bool* logged, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-  ObjectRef Marshal(const Object& object);
+  // References (connection_references.cpp). Marshal fails when the export
+  // limit is reached; Unmarshal undoes a Marshal whose frame is not sent.
+  bool Marshal(const Object& object, ObjectRef* ref);
+  void Unmarshal(const ObjectRef& ref);
   void Unpin(uint32_t handle);
   // Drops references the library held for the peer, on a worker if this
   // thread is inside application code.
   void ReleaseOwned(std::vector<Object> objects);
-  // Writes one frame. *reading: the caller holds the read side, and gives
-  // it up (clearing *reading) rather than block on a full socket with it,
-  // since the peer may be blocked writing to us in turn.
-  int Send(iovec* iov, int count, bool* reading = nullptr);
-  void SendRelease(uint32_t handle, uint32_t count);
+  bool ResolveInvoke(InvokeFrame* frame);
+  void DropInputs(InvokeFrame* frame);
+  bool HandleRelease(const FrameHeader& header);
 
-  // Read side; the *Locked helpers run under mutex_.
+  // Writing (connection_writing.cpp). Writes one frame of `bytes` bytes.
+  // *reading: the caller holds the read side, and gives it up (clearing
+  // *reading) rather than block on a full socket with it, since the peer
+  // may be blocked writing to us in turn.
+  int Send(iovec* iov, int count, uint64_t bytes, bool* reading = nullptr);
+  void SendRelease(uint32_t handle, uint32_t count);
+  // Answers a call with result and null output objects; false if the read
+  // side had to be given up on the way.
+  bool SendRefusal(const FrameHeader& call, int32_t result);
+
+  // Read side (connection_read_side.cpp); the *Locked helpers run under
+  // mutex_. unwatched: a worker is about to serve a call it read; the socket
+  // may stay unwatched for kUnwatchedGrace, since the worker usually takes
+  // the read side back sooner.
   bool NeedsWatchLocked() const;
   void ArmLocked();
-  void DisarmLocked();
-  void GiveUpReadSideLocked();
-  void GiveUpReadSide();
+  void TakeReadSideLocked();
+  void GiveUpReadSideLocked(bool unwatched = false);
+  void GiveUpReadSide(bool unwatched = false);
   bool RetakeReadSide();
   bool PendingWaitersLocked() const;
 
-  // Reads frames until self's answer came (self not null) or the read side
-  // was given up. Returns with the read side given up either way.
+  // Reading (connection_reading.cpp): handles frames until self's answer
+  // came (self not null) or the read side was given up. Returns with the
+  // read side given up either way.
   void ReadLoop(Waiter* self);
-  // Reads through in_: one read often brings a whole small frame.
-  RecvStatus ReadHeader(FrameHeader* header);
-  RecvStatus Fill(iovec* iov, int count);
-  bool ReadInvoke(const FrameHeader& header, InvokeFrame* frame);
-  bool ResolveInvoke(InvokeFrame* frame);
-  bool HandleReply(const FrameHeader& header, Waiter* self, bool* mine);
-  bool HandleRelease(const FrameHeader& header);
-  // Runs the target, drops the call's references, answers. retake: first
-  // take the read side back (a worker that read the call itself).
+  Accepted Accept(InvokeFrame* frame, bool* reading);
+
+  // Serving (connection_serving.cpp): runs the target, drops the call's
+  // references, answers. retake: first take the read side back (a worker
+  // that read the call itself). True if it holds the read side after.
   bool Serve(InvokeFrame* frame, bool retake);
-  void DropInputs(InvokeFrame* frame);
+
+  // Calling (connection_calling.cpp).
+  bool HandleReply(const FrameHeader& header, const ObjectRef* refs, Waiter* self, bool* mine);
+  // A late answer to a call whose caller gave up: its objects are let go.
+  bool DiscardReplyLocked(const FrameHeader& header, const ObjectRef* refs,
+                          std::vector<Proxy*>* drop);
+  // self's answer did not come in time; returns the call's result.
+  int32_t GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* self);
 
   const int fd_;
   const Side side_;
   Endpoint* const endpoint_;
   const uint64_t id_;
-  const uint32_t timeout_ms_;
+  const Limits limits_;
+  // Answers to our calls and progress of our writes.
+  const uint32_t peer_timeout_ms_;
   pid_t peer_pid_ = 0;
 
   std::mutex write_mutex_;  // one frame at a time on the socket
 
-  // Bytes read ahead of the frame being handled; only the holder of the
-  // read side touches them.
-  std::vector<uint8_t> in_;
-  size_t in_begin_ = 0;
-  size_t in_end_ = 0;
+  // Only the holder of the read side touches it (Overdue excepted).
+  FrameReader reader_;
 
   std::mutex mutex_;
   bool closed_ = false;
   bool reader_busy_ = false;
   bool armed_ = false;
+  // Since when the read side is free but the socket unwatched, or 0; set
+  // under mutex_, read by the monitor without it.
+  std::atomic<int64_t> unwatched_since_ns_{0};
   uint32_t next_call_id_ = 1;
   std::vector<Waiter*> waiters_;
   ExportTable exports_;
   std::unordered_map<uint32_t, Proxy*> imports_;
+  uint32_t serving_ = 0;               // the peer's calls accepted and not yet answered
+  std::deque<uint32_t> abandoned_;     // calls whose callers stopped waiting
+  std::deque<Clock::time_point> strikes_;
+  bool logged_busy_ = false;
+  bool logged_exports_ = false;
+  bool logged_depth_ = false;
 };
 
 }  // namespace tarnsocket

@@ -1,11 +1,15 @@
 // Calling the peer's objects: send the call, read or wait for its answer,
-// take the answer's objects.
+// take the answer's objects. A service that calls into a client does not
+// wait long: an answer that comes too late is dropped when it comes, and a
+// client that often leaves the service waiting is disconnected.
 #include <errno.h>
 
 #include <algorithm>
 
 #include "connection.h"
+#include "log.h"
 #include "tarnsocket/tarn_ipc.h"
+#include "thread_context.h"
 
 namespace tarnsocket {
 namespace {
@@ -14,6 +18,8 @@ namespace {
 // the socket buffer, so the sender cannot block on a peer that is itself
 // blocked sending to us.
 constexpr uint64_t kSmallFrame = uint64_t{32} * 1024;
+// Calls given up on whose late answers are still recognised.
+constexpr size_t kMaxAbandoned = 64;
 
 }  // namespace
 
@@ -26,19 +32,36 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
   uint64_t total = InvokeMetaSize(counts);
   for (unsigned i = 0; i < in_bufs; ++i) {
     sizes[i] = args[i].b.size;
-    if (sizes[i] > kMaxBodySize - total) return OBJECT_ERROR_INVALID;
+    if (sizes[i] > kMaxBodySize - total) {
+      // A service's peer would otherwise wait for a result that never comes.
+      if (side_ == Side::kServer) {
+        CloseWithLog("a call of more than %llu bytes cannot be sent",
+                     static_cast<unsigned long long>(kMaxBodySize));
+      }
+      return OBJECT_ERROR_INVALID;
+    }
     total += sizes[i];
+  }
+  const unsigned depth = CurrentCallDepth() + 1;
+  if (depth > limits_.max_call_depth) {
+    LogRefusal(&logged_depth_, "calls refused: nested %u deep, more than %u", depth,
+               limits_.max_call_depth);
+    return TARN_IPC_ERROR_TOO_DEEP;
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return TARN_IPC_ERROR_DEAD;
   }
   ObjectRef refs[kMaxSlots];
-  for (unsigned i = 0; i < in_objs; ++i) refs[i] = Marshal(args[in_bufs + i].o);
+  for (unsigned i = 0; i < in_objs; ++i) {
+    if (!Marshal(args[in_bufs + i].o, &refs[i])) {
+      for (unsigned j = 0; j < i; ++j) Unmarshal(refs[j]);
+      return TARN_IPC_ERROR_TOO_MANY_OBJECTS;
+    }
+  }
 
   Waiter waiter;
   waiter.out_objs = out_objs;
-  waiter.deadline = Clock::now() + std::chrono::milliseconds(timeout_ms_);
   bool reading = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -46,51 +69,49 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
     waiter.call_id = next_call_id_++;
     waiters_.push_back(&waiter);
     if (!reader_busy_ && total <= kSmallFrame) {
-      reader_busy_ = true;
-      DisarmLocked();
+      TakeReadSideLocked();
       reading = true;
     }
   }
   uint8_t head[kMaxHeadSize];
   iovec iov[kMaxSlots + 1];
-  iov[0] = iovec{head, EncodeInvokeHead(head, waiter.call_id, handle, op, counts, sizes, refs)};
+  iov[0] = iovec{head, EncodeInvokeHead(head, waiter.call_id, handle, op, counts, sizes, refs,
+                                        static_cast<uint8_t>(depth))};
   int count = 1;
   for (unsigned i = 0; i < in_bufs; ++i) {
-    if (sizes[i] > 0) iov[count++] = iovec{args[i].b.ptr, sizes[i]};
+    if (sizes[i] > 0) iov[count++] = iovec{args[i].b.ptr, static_cast<size_t>(sizes[i])};
   }
-  const int sent = Send(iov, count, &reading);
+  const int sent = Send(iov, count, total + sizeof(FrameHeader), &reading);
+  waiter.deadline = After(peer_timeout_ms_);
 
   std::unique_lock<std::mutex> lock(mutex_);
-  if (sent != 0) {
-    waiter.timed_out = sent == -ETIMEDOUT;
-  } else {
+  if (sent == 0) {
     if (reading) {
       lock.unlock();
       ReadLoop(&waiter);
       lock.lock();
     }
-    while (!waiter.done && !closed_) {
+    while (!waiter.done && !closed_ && Clock::now() < waiter.deadline) {
       if (!reader_busy_) {
-        reader_busy_ = true;
-        DisarmLocked();
+        TakeReadSideLocked();
         lock.unlock();
         ReadLoop(&waiter);
         lock.lock();
         continue;
       }
-      if (waiter.cv.wait_until(lock, waiter.deadline) == std::cv_status::timeout && !waiter.done &&
-          !closed_) {
-        waiter.timed_out = true;
-        lock.unlock();
-        CloseWithLog("no answer within %u ms", timeout_ms_);
-        lock.lock();
-      }
+      waiter.cv.wait_until(lock, waiter.deadline);
     }
   }
-  if (reading && sent != 0) GiveUpReadSideLocked();
-  auto it = std::find(waiters_.begin(), waiters_.end(), &waiter);
-  if (it != waiters_.end()) waiters_.erase(it);
-  if (!waiter.done) return waiter.timed_out ? TARN_IPC_ERROR_TIMEOUT : TARN_IPC_ERROR_DEAD;
+  if (!waiter.done) {
+    auto it = std::find(waiters_.begin(), waiters_.end(), &waiter);
+    if (it != waiters_.end()) waiters_.erase(it);
+    // Someone must read on if this caller held the read side or was the one
+    // that a reader handed it to.
+    if (!reader_busy_) GiveUpReadSideLocked();
+    if (sent == -ETIMEDOUT || sent == -ETIME) return TARN_IPC_ERROR_TIMEOUT;
+    if (sent != 0 || closed_) return TARN_IPC_ERROR_DEAD;
+    return GiveUpWaiting(&lock, &waiter);
+  }
   lock.unlock();
   for (unsigned i = 0; i < out_objs; ++i) {
     if (waiter.pinned[i]) {
@@ -103,62 +124,92 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
   return waiter.result;
 }
 
-bool Connection::HandleReply(const FrameHeader& header, Waiter* self, bool* mine) {
-  uint8_t body[kMaxSlots * sizeof(ObjectRef)];
-  if (header.body_size > 0) {
-    iovec iov{body, header.body_size};
-    if (Fill(&iov, 1) != RecvStatus::kOk) {
-      CloseWithLog("peer stopped in the middle of a frame");
-      return false;
-    }
+int32_t Connection::GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* self) {
+  if (side_ == Side::kClient) {
+    lock->unlock();
+    CloseWithLog("no answer within %u ms", peer_timeout_ms_);
+    return TARN_IPC_ERROR_TIMEOUT;
   }
-  ObjectRef refs[kMaxSlots];
-  FrameError error = DecodeReplyRefs(header, body, refs);
-  const char* bad = error != FrameError::kNone ? FrameErrorText(error) : nullptr;
-  if (bad == nullptr) {
+  abandoned_.push_back(self->call_id);
+  if (abandoned_.size() > kMaxAbandoned) abandoned_.pop_front();
+  const Clock::time_point now = Clock::now();
+  strikes_.push_back(now);
+  while (now - strikes_.front() > std::chrono::milliseconds(kStrikeWindowMs)) strikes_.pop_front();
+  const size_t strikes = strikes_.size();
+  lock->unlock();
+  if (strikes >= limits_.callback_strikes) {
+    CloseWithLog("%zu calls got no answer within %u ms", strikes, peer_timeout_ms_);
+  } else {
+    LogWarning("Connection to pid %d: no answer within %u ms (%zu of %u strikes)", peer_pid_,
+               peer_timeout_ms_, strikes, limits_.callback_strikes);
+  }
+  return TARN_IPC_ERROR_TIMEOUT;
+}
+
+bool Connection::DiscardReplyLocked(const FrameHeader& header, const ObjectRef* refs,
+                                    std::vector<Proxy*>* drop) {
+  auto it = std::find(abandoned_.begin(), abandoned_.end(), header.call_id);
+  if (it == abandoned_.end()) return false;
+  abandoned_.erase(it);
+  for (unsigned i = 0; i < header.counts; ++i) {
+    if (refs[i].kind != kRefSenderExport) continue;
+    Proxy*& proxy = imports_[refs[i].handle];
+    if (proxy == nullptr) proxy = new Proxy{shared_from_this(), refs[i].handle, 0, 0};
+    ++proxy->refs;
+    ++proxy->received;
+    drop->push_back(proxy);
+  }
+  return true;
+}
+
+bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, Waiter* self,
+                             bool* mine) {
+  const char* bad = nullptr;
+  std::vector<Proxy*> drop;
+  {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = std::find_if(waiters_.begin(), waiters_.end(),
                            [&](Waiter* w) { return w->call_id == header.call_id && !w->done; });
-    if (it == waiters_.end()) {
-      bad = "answer to no call";
+    // Check every handle before touching any table.
+    for (unsigned i = 0; i < header.counts && bad == nullptr; ++i) {
+      if (refs[i].kind != kRefReceiverExport) continue;
+      ExportTable::Entry* entry = exports_.Get(refs[i].handle);
+      if (entry == nullptr || entry->sent == 0) bad = "unknown handle passed back";
+    }
+    if (bad != nullptr) {
+    } else if (it == waiters_.end()) {
+      if (!DiscardReplyLocked(header, refs, &drop)) bad = "answer to no call";
     } else if ((*it)->out_objs != header.counts) {
       bad = "answer with the wrong number of objects";
     } else {
-      // Check every handle before touching any table.
-      for (unsigned i = 0; i < header.counts && bad == nullptr; ++i) {
-        if (refs[i].kind != kRefReceiverExport) continue;
-        ExportTable::Entry* entry = exports_.Get(refs[i].handle);
-        if (entry == nullptr || entry->sent == 0) bad = "unknown handle passed back";
-      }
-      if (bad == nullptr) {
-        Waiter* waiter = *it;
-        for (unsigned i = 0; i < header.counts; ++i) {
-          waiter->pinned[i] = false;
-          if (refs[i].kind == kRefNull) {
-            waiter->outs[i] = kNullObject;
-          } else if (refs[i].kind == kRefReceiverExport) {
-            // Retained by the waiter itself, outside this lock.
-            ExportTable::Entry* entry = exports_.Get(refs[i].handle);
-            ++entry->pinned;
-            waiter->pinned[i] = true;
-            waiter->pinned_handles[i] = refs[i].handle;
-            waiter->outs[i] = entry->object;
-          } else {
-            Proxy*& proxy = imports_[refs[i].handle];
-            if (proxy == nullptr) proxy = new Proxy{shared_from_this(), refs[i].handle, 0, 0};
-            ++proxy->refs;
-            ++proxy->received;
-            waiter->outs[i] = ProxyObject(proxy);
-          }
+      Waiter* waiter = *it;
+      for (unsigned i = 0; i < header.counts; ++i) {
+        waiter->pinned[i] = false;
+        if (refs[i].kind == kRefNull) {
+          waiter->outs[i] = kNullObject;
+        } else if (refs[i].kind == kRefReceiverExport) {
+          // Retained by the waiter itself, outside this lock.
+          ExportTable::Entry* entry = exports_.Get(refs[i].handle);
+          ++entry->pinned;
+          waiter->pinned[i] = true;
+          waiter->pinned_handles[i] = refs[i].handle;
+          waiter->outs[i] = entry->object;
+        } else {
+          Proxy*& proxy = imports_[refs[i].handle];
+          if (proxy == nullptr) proxy = new Proxy{shared_from_this(), refs[i].handle, 0, 0};
+          ++proxy->refs;
+          ++proxy->received;
+          waiter->outs[i] = ProxyObject(proxy);
         }
-        waiter->result = static_cast<int32_t>(header.code);
-        waiter->done = true;
-        waiters_.erase(it);
-        *mine = waiter == self;
-        if (!*mine) waiter->cv.notify_all();
       }
+      waiter->result = static_cast<int32_t>(header.code);
+      waiter->done = true;
+      waiters_.erase(it);
+      *mine = waiter == self;
+      if (!*mine) waiter->cv.notify_all();
     }
   }
+  for (Proxy* proxy : drop) ReleaseProxy(proxy);
   if (bad == nullptr) return true;
   CloseWithLog("malformed frame: %s", bad);
   return false;

@@ -1,5 +1,8 @@
-// Who reads the socket: one thread at a time holds the read side, and
-// the endpoint's monitor watches the socket while nobody does.
+// Who reads the socket: one thread at a time holds the read side, and the
+// endpoint's monitor watches the socket while nobody does. While a worker
+// serves a call it read, the socket may stay unwatched for a moment: the
+// worker usually takes the read side back sooner, which saves arming and
+// muting the watch around every call.
 #include <algorithm>
 #include <memory>
 
@@ -7,6 +10,13 @@
 #include "endpoint.h"
 
 namespace tarnsocket {
+namespace {
+
+int64_t Nanoseconds(Clock::time_point when) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count();
+}
+
+}  // namespace
 
 bool Connection::NeedsWatchLocked() const {
   // A client that exported nothing can only receive answers, and those are
@@ -15,65 +25,120 @@ bool Connection::NeedsWatchLocked() const {
 }
 
 void Connection::ArmLocked() {
+  unwatched_since_ns_.store(0);
   if (armed_ || closed_) return;
   armed_ = true;
   endpoint_->Watch(fd_, id_);
 }
 
-void Connection::DisarmLocked() {
-  if (!armed_) return;
-  armed_ = false;
-  endpoint_->Mute(fd_, id_);
+void Connection::TakeReadSideLocked() {
+  reader_busy_ = true;
+  if (unwatched_since_ns_.load() != 0) {
+    unwatched_since_ns_.store(0);
+  } else if (armed_) {
+    armed_ = false;
+    endpoint_->Mute(fd_, id_);
+  }
 }
 
 bool Connection::PendingWaitersLocked() const {
   return std::any_of(waiters_.begin(), waiters_.end(), [](Waiter* w) { return !w->done; });
 }
 
-void Connection::GiveUpReadSideLocked() {
+void Connection::GiveUpReadSideLocked(bool unwatched) {
   reader_busy_ = false;
   if (closed_) return;
-  if (in_end_ > in_begin_ && !PendingWaitersLocked()) {
-    // Bytes already read wait for a reader; the socket may never wake the
-    // monitor for them.
+  const bool pending = PendingWaitersLocked();
+  if (!pending && reader_.Assemble() != FrameReader::Result::kAgain) {
+    // A frame already read waits for a reader; the socket may never wake
+    // the monitor for it.
     reader_busy_ = true;
-    DisarmLocked();
     std::shared_ptr<Connection> self = shared_from_this();
     endpoint_->Dispatch([self] { self->ServeAsReader(); });
     return;
   }
-  bool pending = false;
-  for (Waiter* waiter : waiters_) {
-    if (!waiter->done) {
-      pending = true;
-      waiter->cv.notify_all();
+  if (pending) {
+    for (Waiter* waiter : waiters_) {
+      if (!waiter->done) waiter->cv.notify_all();
     }
+    return;
   }
-  if (!pending && NeedsWatchLocked()) ArmLocked();
+  if (!NeedsWatchLocked()) return;
+  // A frame left half read is the monitor's to time out.
+  if (reader_.InFrame()) endpoint_->WantSweep();
+  if (unwatched) {
+    endpoint_->NoteActivity();
+    unwatched_since_ns_.store(Nanoseconds(Clock::now()));
+    // The monitor looks at unwatched sockets only while it ticks.
+    if (endpoint_->Ticking()) return;
+  }
+  ArmLocked();
 }
 
-void Connection::GiveUpReadSide() {
+void Connection::GiveUpReadSide(bool unwatched) {
   std::lock_guard<std::mutex> lock(mutex_);
-  GiveUpReadSideLocked();
+  GiveUpReadSideLocked(unwatched);
 }
 
 bool Connection::RetakeReadSide() {
   // A worker that waits on a quiet socket is not free for other
   // connections: with work queued, leave the socket to the monitor.
-  if (endpoint_->Saturated()) return false;
+  const bool saturated = endpoint_->Saturated();
   std::lock_guard<std::mutex> lock(mutex_);
   if (closed_ || reader_busy_) return false;
-  if (!NeedsWatchLocked() && !PendingWaitersLocked()) return false;
-  reader_busy_ = true;
-  DisarmLocked();
+  if (saturated || (!NeedsWatchLocked() && !PendingWaitersLocked())) {
+    if (unwatched_since_ns_.load() != 0 && NeedsWatchLocked()) ArmLocked();
+    return false;
+  }
+  TakeReadSideLocked();
   return true;
 }
 
-bool Connection::ClaimReadSide() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  armed_ = false;  // the event disabled the watch
-  if (closed_ || reader_busy_) return false;
-  reader_busy_ = true;
+bool Connection::ReadForMonitor() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    armed_ = false;  // the event disabled the watch
+    if (closed_ || reader_busy_) return false;
+    TakeReadSideLocked();
+  }
+  switch (reader_.Read(fd_, Clock::time_point(), false)) {
+    case FrameReader::Result::kFrame:
+      return true;
+    case FrameReader::Result::kAgain:
+      GiveUpReadSide();
+      return false;
+    case FrameReader::Result::kEnded:
+      Close(nullptr);
+      return false;
+    case FrameReader::Result::kFailed:
+      if (reader_.why() != nullptr) {
+        CloseWithLog("%s", reader_.why());
+      } else {
+        Close(nullptr);
+      }
+      return false;
+  }
+  return false;
+}
+
+bool Connection::Sweep(Clock::time_point now, bool ticking) {
+  const int64_t since = unwatched_since_ns_.load();
+  if (since != 0 && (!ticking || Nanoseconds(now) - since >=
+                                     std::chrono::nanoseconds(kUnwatchedGrace).count())) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (unwatched_since_ns_.load() != 0 && !reader_busy_) ArmLocked();
+  }
+  if (!reader_.InFrame()) return false;
+  if (reader_.Overdue(now)) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      // Whoever holds the read side sees the deadline itself.
+      if (closed_ || reader_busy_) return true;
+      reader_busy_ = true;
+    }
+    CloseWithLog("frame not whole within %u ms", limits_.frame_timeout_ms);
+    return false;
+  }
   return true;
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "connection.h"
+#include "log.h"
 
 namespace tarnsocket {
 
@@ -32,24 +33,28 @@ void Connection::ReleaseProxy(Proxy* proxy) {
   delete proxy;
 }
 
-ObjectRef Connection::Marshal(const Object& object) {
-  if (IsNullObject(object)) return ObjectRef{kRefNull, 0};
+bool Connection::Marshal(const Object& object, ObjectRef* ref) {
+  *ref = ObjectRef{kRefNull, 0};
+  if (IsNullObject(object)) return true;
   Proxy* proxy = AsProxy(object);
   if (proxy != nullptr && proxy->connection.get() == this) {
-    return ObjectRef{kRefReceiverExport, proxy->handle};
+    *ref = ObjectRef{kRefReceiverExport, proxy->handle};
+    return true;
   }
   uint32_t handle;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (exports_.Find(object, &handle)) {
       ++exports_.Get(handle)->sent;
-      return ObjectRef{kRefSenderExport, handle};
+      *ref = ObjectRef{kRefSenderExport, handle};
+      return true;
     }
   }
   // The library's own reference, taken outside the lock: the object may be
   // a proxy of another connection, whose lock must not nest inside ours.
   ObjectRetain(object);
   bool undo = false;
+  bool full = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (exports_.Find(object, &handle)) {
@@ -58,6 +63,8 @@ ObjectRef Connection::Marshal(const Object& object) {
     } else if (closed_) {
       undo = true;  // the send will fail anyway
       handle = 0;
+    } else if (exports_.size() >= limits_.max_exports) {
+      undo = full = true;
     } else {
       handle = exports_.Add(object);
       ++exports_.Get(handle)->sent;
@@ -65,7 +72,27 @@ ObjectRef Connection::Marshal(const Object& object) {
     }
   }
   if (undo) ObjectRelease(object);
-  return ObjectRef{kRefSenderExport, handle};
+  if (full) {
+    LogRefusal(&logged_exports_, "objects refused: %u exported to it already",
+               limits_.max_exports);
+    return false;
+  }
+  *ref = ObjectRef{kRefSenderExport, handle};
+  return true;
+}
+
+void Connection::Unmarshal(const ObjectRef& ref) {
+  if (ref.kind != kRefSenderExport) return;
+  Object object;
+  bool release = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ExportTable::Entry* entry = exports_.Get(ref.handle);
+    if (entry == nullptr || entry->sent == 0) return;
+    --entry->sent;
+    release = exports_.RemoveIfUnused(ref.handle, &object);
+  }
+  if (release) ReleaseOwned({object});
 }
 
 void Connection::Unpin(uint32_t handle) {

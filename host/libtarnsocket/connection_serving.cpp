@@ -1,6 +1,9 @@
 // Serving a call the peer made: run the target, drop the call's
 // references, answer.
+#include "buffer_pool.h"
 #include "connection.h"
+#include "endpoint.h"
+#include "tarnsocket/tarn_ipc.h"
 #include "thread_context.h"
 
 namespace tarnsocket {
@@ -25,19 +28,34 @@ bool Connection::Serve(InvokeFrame* frame, bool retake) {
 
   int32_t result;
   {
-    ApplicationCallScope scope;
+    ApplicationCallScope scope(frame->header.depth);
     result =
         frame->target.invoke(frame->target.context, frame->header.code, args, frame->header.counts);
   }
 
   DropInputs(frame);
   Unpin(frame->target_handle);
+  if (frame->arena.mapped()) {
+    BufferPool::Instance().Give(std::move(frame->arena));
+    endpoint_->WantSweep();  // the pool lets idle buffers go
+  }
 
   Object outs[kMaxSlots];
-  ObjectRef refs[kMaxSlots];
-  for (unsigned i = 0; i < meta.out_objs; ++i) {
-    outs[i] = args[first_out + i].o;
-    refs[i] = Marshal(outs[i]);
+  ObjectRef refs[kMaxSlots] = {};
+  unsigned marshalled = 0;
+  for (; marshalled < meta.out_objs; ++marshalled) {
+    outs[marshalled] = args[first_out + marshalled].o;
+    if (!Marshal(outs[marshalled], &refs[marshalled])) break;
+  }
+  if (marshalled < meta.out_objs) {
+    // The peer holds too many of our objects: it gets none of these.
+    for (unsigned i = 0; i < marshalled; ++i) Unmarshal(refs[i]);
+    for (unsigned i = 0; i < meta.out_objs; ++i) {
+      ObjectRelease(args[first_out + i].o);
+      refs[i] = ObjectRef{kRefNull, 0};
+      outs[i] = kNullObject;
+    }
+    result = TARN_IPC_ERROR_TOO_MANY_OBJECTS;
   }
   // The export holds its own reference now; the one the call gave us goes.
   for (unsigned i = 0; i < meta.out_objs; ++i) {
@@ -47,9 +65,14 @@ bool Connection::Serve(InvokeFrame* frame, bool retake) {
   // call does not wake the monitor.
   const bool retaken = retake && RetakeReadSide();
   uint8_t head[kMaxHeadSize];
-  iovec iov{head, EncodeReply(head, frame->header.call_id, result, meta.out_objs, refs)};
+  const size_t size = EncodeReply(head, frame->header.call_id, result, meta.out_objs, refs);
+  iovec iov{head, size};
   bool reading = retaken;
-  Send(&iov, 1, &reading);
+  Send(&iov, 1, size, &reading);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    --serving_;
+  }
   // A passed-back proxy of this connection is let go only after the answer
   // that names it, so that its release frame cannot overtake the answer.
   for (unsigned i = 0; i < meta.out_objs; ++i) {

@@ -6,6 +6,8 @@
 
 #include <stdint.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -48,10 +50,24 @@ class Endpoint {
   // True when tasks wait for a free worker.
   bool Saturated();
 
+  // Whether the monitor is looking at its connections every few
+  // milliseconds, as it does while calls come in.
+  bool Ticking() const { return ticking_.load(); }
+  // A call came in: the monitor ticks for a while.
+  void NoteActivity() { activity_.fetch_add(1, std::memory_order_relaxed); }
+  // Something needs the monitor's regular look (a frame half read, buffers
+  // kept for reuse): wakes it if it sleeps with nothing to look at.
+  void WantSweep();
+
  private:
   void MonitorLoop();
+  // How long the monitor may wait for events: -1 for ever.
+  int NextWait();
+  // The regular look at every connection, the accept pause and the pool.
+  void Sweep();
   // False when accept failed for good.
   bool AcceptAll();
+  void PauseAccepting(int error);
   void WorkerLoop();
   void StopWorkers();
 
@@ -61,6 +77,19 @@ class Endpoint {
   int wake_fd_ = -1;
   std::thread monitor_;
   std::mutex join_mutex_;
+
+  // The monitor's own state.
+  std::atomic<bool> ticking_{false};
+  std::atomic<bool> sleeping_{false};  // waiting for events with no time limit
+  std::atomic<uint64_t> activity_{0};  // calls come in; unchanged while idle
+  uint64_t seen_activity_ = 0;
+  std::chrono::steady_clock::time_point last_activity_;
+  bool partial_frames_ = false;
+  bool accept_paused_ = false;
+  std::chrono::steady_clock::time_point accept_resume_;
+  std::chrono::steady_clock::time_point last_accept_warning_;
+  uint64_t accept_failures_ = 0;
+  bool trim_heap_ = false;  // give freed heap memory back once idle
 
   std::mutex mutex_;
   bool stopping_ = false;

@@ -38,6 +38,7 @@ class ExportTable {
   // appends their objects to released.
   void ForgetPeer(std::vector<Object>* released);
   bool empty() const { return live_ == 0; }
+  size_t size() const { return live_; }
 
  private:
   struct Key {

@@ -45,9 +45,8 @@ const char* FrameErrorText(FrameError error) {
 }
 
 FrameError ValidateHeader(const FrameHeader& header) {
-  if (header.reserved[0] != 0 || header.reserved[1] != 0 || header.reserved[2] != 0) {
-    return FrameError::kBadReserved;
-  }
+  if (header.reserved[0] != 0 || header.reserved[1] != 0) return FrameError::kBadReserved;
+  if (header.type != kFrameInvoke && header.depth != 0) return FrameError::kBadReserved;
   if (header.body_size > kMaxBodySize) return FrameError::kTooLarge;
   switch (header.type) {
     case kFrameInvoke: {
@@ -123,7 +122,8 @@ uint64_t LayoutArena(const InvokeMeta& meta, uint64_t offsets[kMaxSlots]) {
 }
 
 size_t EncodeInvokeHead(uint8_t* out, uint32_t call_id, uint32_t handle, uint32_t op,
-                        uint32_t counts, const uint64_t* sizes, const ObjectRef* refs) {
+                        uint32_t counts, const uint64_t* sizes, const ObjectRef* refs,
+                        uint8_t depth) {
   const unsigned in_bufs = OBJECT_COUNTS_IN_BUFS(counts);
   const unsigned in_objs = OBJECT_COUNTS_IN_OBJS(counts);
   uint64_t body = InvokeMetaSize(counts);
@@ -131,6 +131,7 @@ size_t EncodeInvokeHead(uint8_t* out, uint32_t call_id, uint32_t handle, uint32_
   FrameHeader header{};
   header.body_size = static_cast<uint32_t>(body);
   header.type = kFrameInvoke;
+  header.depth = depth;
   header.call_id = call_id;
   header.handle = handle;
   header.code = op;

@@ -24,13 +24,18 @@ enum FrameType : uint8_t {
 struct FrameHeader {
   uint32_t body_size;
   uint8_t type;
-  uint8_t reserved[3];  // zero
+  uint8_t depth;        // invoke: how deeply the call is nested (1 for a call from outside any
+                        // served call); otherwise zero
+  uint8_t reserved[2];  // zero
   uint32_t call_id;     // invoke, reply: chosen by the caller; release: zero
   uint32_t handle;      // invoke, release: an export handle of the receiver; reply: zero
   uint32_t code;        // invoke: op; reply: result; release: number of references
   uint32_t counts;      // invoke: counts word; reply: number of output objects; release: zero
 };
 static_assert(sizeof(FrameHeader) == 24, "FrameHeader is a wire record");
+static_assert(offsetof(FrameHeader, depth) == 5 && offsetof(FrameHeader, call_id) == 8 &&
+                  offsetof(FrameHeader, counts) == 20,
+              "FrameHeader is a wire record");
 
 enum ObjectRefKind : uint32_t {
   kRefNull = 0,
@@ -97,7 +102,8 @@ uint64_t LayoutArena(const InvokeMeta& meta, uint64_t offsets[kMaxSlots]);
 // out, which must hold kMaxHeadSize bytes; they return the bytes written.
 constexpr size_t kMaxHeadSize = sizeof(FrameHeader) + size_t{kMaxSlots} * 16;
 size_t EncodeInvokeHead(uint8_t* out, uint32_t call_id, uint32_t handle, uint32_t op,
-                        uint32_t counts, const uint64_t* sizes, const ObjectRef* refs);
+                        uint32_t counts, const uint64_t* sizes, const ObjectRef* refs,
+                        uint8_t depth);
 size_t EncodeReply(uint8_t* out, uint32_t call_id, int32_t result, unsigned out_objs,
                    const ObjectRef* refs);
 size_t EncodeRelease(uint8_t* out, uint32_t handle, uint32_t count);

@@ -1,7 +1,10 @@
 #include "socket_io.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
+
+#include <algorithm>
 
 namespace tarnsocket {
 namespace {
@@ -22,53 +25,45 @@ iovec* Advance(iovec* iov, int* count, size_t n) {
 
 }  // namespace
 
-bool SetSocketTimeouts(int fd, uint32_t ms) {
+bool SetShortReceiveWait(int fd) {
   timeval tv{};
-  tv.tv_sec = ms / 1000;
-  tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
-  return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0 &&
-         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0;
+  tv.tv_usec = static_cast<suseconds_t>(kShortWaitMs * 1000);
+  return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
 }
 
-int SendAll(int fd, iovec** iov, int* count, Clock::time_point deadline, bool dont_wait) {
+int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, Clock::time_point deadline,
+            bool dont_wait) {
   *iov = Advance(*iov, count, 0);
+  Clock::time_point stall = After(stall_ms);
   while (*count > 0) {
     msghdr msg{};
     msg.msg_iov = *iov;
     msg.msg_iovlen = static_cast<size_t>(*count);
-    const ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL | (dont_wait ? MSG_DONTWAIT : 0));
-    if (sent < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN || errno == EWOULDBLOCK) return dont_wait ? -EAGAIN : -ETIMEDOUT;
-      return -errno;
+    const ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent > 0) {
+      *iov = Advance(*iov, count, static_cast<size_t>(sent));
+      stall = After(stall_ms);
+      continue;
     }
-    *iov = Advance(*iov, count, static_cast<size_t>(sent));
-    // A peer that drains a byte now and then must not hold a writer forever.
-    if (*count > 0 && Clock::now() > deadline) return -ETIMEDOUT;
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
+    if (dont_wait) return -EAGAIN;
+    const Clock::time_point until = std::min(stall, deadline);
+    pollfd pfd{fd, POLLOUT, 0};
+    const int ready = poll(&pfd, 1, MillisecondsUntil(until));
+    if (ready < 0 && errno != EINTR) return -errno;
+    if (ready == 0 && Clock::now() >= until) return until == stall ? -ETIMEDOUT : -ETIME;
   }
   return 0;
 }
 
-RecvStatus RecvAll(int fd, iovec* iov, int count) {
-  bool started = false;
-  iov = Advance(iov, &count, 0);
-  while (count > 0) {
-    msghdr msg{};
-    msg.msg_iov = iov;
-    msg.msg_iovlen = static_cast<size_t>(count);
-    const ssize_t got = recvmsg(fd, &msg, MSG_WAITALL);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN || errno == EWOULDBLOCK) {
-        return started ? RecvStatus::kStalled : RecvStatus::kIdle;
-      }
-      return RecvStatus::kError;
-    }
-    if (got == 0) return started ? RecvStatus::kTruncated : RecvStatus::kClosed;
-    started = true;
-    iov = Advance(iov, &count, static_cast<size_t>(got));
+bool WaitReadable(int fd, Clock::time_point until) {
+  for (;;) {
+    pollfd pfd{fd, POLLIN, 0};
+    const int ready = poll(&pfd, 1, MillisecondsUntil(until));
+    if (ready > 0 || (ready < 0 && errno != EINTR)) return true;
+    if (Clock::now() >= until) return false;
   }
-  return RecvStatus::kOk;
 }
 
 }  // namespace tarnsocket

@@ -1,5 +1,5 @@
-// Whole-frame reads and writes on a blocking stream socket whose
-// SO_RCVTIMEO and SO_SNDTIMEO bound every wait.
+// Writing whole frames to a stream socket without ever waiting longer than
+// the peer's progress allows, and waiting for bytes to read.
 #ifndef TARNSOCKET_SOCKET_IO_H_
 #define TARNSOCKET_SOCKET_IO_H_
 
@@ -7,31 +7,27 @@
 #include <stdint.h>
 #include <sys/uio.h>
 
-#include <chrono>
+#include "clock.h"
 
 namespace tarnsocket {
 
-using Clock = std::chrono::steady_clock;
+// How long a blocking recv may wait (SO_RCVTIMEO): a reader that lingers
+// for the next frame, and a caller's first wait for its answer.
+constexpr uint32_t kShortWaitMs = 20;
 
-// Sets both socket timeouts to ms.
-bool SetSocketTimeouts(int fd, uint32_t ms);
+// Sets the socket's receive timeout to kShortWaitMs.
+bool SetShortReceiveWait(int fd);
 
-// Writes all of *iov, advancing *iov and *count past what was written. 0,
-// or -ETIMEDOUT when the peer took no bytes in time or the deadline passed,
-// or another -errno. With dont_wait, -EAGAIN as soon as the socket is full.
-int SendAll(int fd, iovec** iov, int* count, Clock::time_point deadline, bool dont_wait);
+// Writes all of *iov, advancing *iov and *count past what was written.
+// Returns 0; -ETIMEDOUT when the peer took no byte for stall_ms; -ETIME
+// when deadline passed first; with dont_wait, -EAGAIN as soon as the socket
+// is full; or another -errno.
+int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, Clock::time_point deadline,
+            bool dont_wait);
 
-enum class RecvStatus {
-  kOk,
-  kClosed,     // orderly end of stream before the first byte
-  kIdle,       // the socket timeout passed before the first byte
-  kStalled,    // the socket timeout passed in the middle
-  kTruncated,  // end of stream in the middle
-  kError,      // errno says why
-};
-
-// Fills all of iov (modified on the way).
-RecvStatus RecvAll(int fd, iovec* iov, int count);
+// Waits until fd is readable, closed or failed, or until `until`; false on
+// timeout.
+bool WaitReadable(int fd, Clock::time_point until);
 
 }  // namespace tarnsocket
 

@@ -14,13 +14,20 @@ void EnterWorkerThread();
 // True on a library worker that is not inside a served call.
 bool InLibraryContext();
 
-// While alive, the thread counts as inside application code.
+// How deeply the thread's current served call is nested: 0 outside any.
+unsigned CurrentCallDepth();
+
+// While alive, the thread counts as inside application code, serving a
+// call nested depth deep.
 class ApplicationCallScope {
  public:
-  ApplicationCallScope();
+  explicit ApplicationCallScope(unsigned depth);
   ~ApplicationCallScope();
   ApplicationCallScope(const ApplicationCallScope&) = delete;
   ApplicationCallScope& operator=(const ApplicationCallScope&) = delete;
+
+ private:
+  const unsigned outer_depth_;
 };
 
 }  // namespace tarnsocket

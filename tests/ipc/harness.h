@@ -32,6 +32,7 @@ enum Op : uint32_t {
   kOpEcho,      // 1 in buf [1 in obj]: calls the object, or the callback, with the buffer
   kOpReturn,    // 1 in obj, 1 out obj: the input back, or `counted` for the null object
   kOpBlock,     // returns once `unblocked` is set
+  kOpNth,       // 1 in buf (u32 n), 1 out obj: `many[n]`
 };
 
 inline void Pause() {
@@ -177,12 +178,16 @@ struct Served {
         blocked = true;
         while (!unblocked) Pause();
         return OBJECT_OK;
+      case kOpNth:
+        args[1].o = many[*static_cast<uint32_t*>(args[0].b.ptr) % 4].AsObject();
+        ObjectRetain(args[1].o);
+        return OBJECT_OK;
       default:
         return OBJECT_ERROR_INVALID;
     }
   }
 
-  Counted root, counted;
+  Counted root, counted, many[4];
   std::string path;
   sockaddr_un address{AF_UNIX, {}};
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -30,7 +31,7 @@ Bytes Raw(const T& value) {
   return Bytes(bytes, bytes + sizeof value);
 }
 
-// Header fields: body_size, type, reserved, call_id, handle, code, counts.
+// Header fields: body_size, type, depth, reserved, call_id, handle, code, counts.
 Bytes Frame(const FrameHeader& header, std::initializer_list<Bytes> body = {}) {
   Bytes bytes = Raw(header);
   for (const Bytes& part : body) bytes.insert(bytes.end(), part.begin(), part.end());
@@ -170,6 +171,7 @@ TEST(IpcPeerFailureTest, KilledClientReleasesWhatItHeldAndItsObjectsFailAtOnce) 
   std::mutex delivery;
   // So long that the failures below can only come from noticing the death.
   setenv("TARN_CALL_TIMEOUT_MS", "600000", 1);
+  setenv("TARN_CALLBACK_TIMEOUT_MS", "600000", 1);
   Served served;
   setenv("IPC_PEER_SOCKET", served.path.c_str(), 1);
   char self[] = "/proc/self/exe", filter[] = "--gtest_filter=IpcPeer.*",
@@ -202,69 +204,193 @@ TEST(IpcPeerFailureTest, KilledClientReleasesWhatItHeldAndItsObjectsFailAtOnce) 
   EXPECT_EQ(served.root.Held(), 0);
   waitpid(peer, nullptr, 0);
   unsetenv("TARN_CALL_TIMEOUT_MS");
+  unsetenv("TARN_CALLBACK_TIMEOUT_MS");
 }
 
-// Raw clients that send garbage, or leave a callback and then never read
-// again: the service ends only their connection, says why and releases what
-// they held, while a bystander is served throughout.
+// Sets limits for the connections made while it lives.
+class ScopedEnvironment {
+ public:
+  explicit ScopedEnvironment(std::initializer_list<std::pair<const char*, const char*>> values) {
+    for (const auto& value : values) {
+      names_.push_back(value.first);
+      setenv(value.first, value.second, 1);
+    }
+  }
+  ~ScopedEnvironment() {
+    for (const char* name : names_) unsetenv(name);
+  }
+
+ private:
+  std::vector<const char*> names_;
+};
+
+FrameHeader ReadHeader(int fd) {
+  FrameHeader header{};
+  EXPECT_EQ(recv(fd, &header, sizeof header, MSG_WAITALL), static_cast<ssize_t>(sizeof header));
+  return header;
+}
+
+// Raw clients that send garbage, dawdle, exceed a limit, or leave a callback
+// and then never answer or never read: the service refuses their call with
+// an answer at once, or ends only their connection, and says why, while a
+// bystander is served throughout.
 TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
   const uint32_t one_obj = OBJECT_COUNTS(0, 0, 1, 0);
-  const Bytes store_callback =
-      Frame({8, kFrameInvoke, {}, 1, 0, kOpStore, one_obj}, {Raw(ObjectRef{kRefSenderExport, 5})});
+  const Bytes store_callback = Frame({8, kFrameInvoke, 0, {}, 1, 0, kOpStore, one_obj},
+                                     {Raw(ObjectRef{kRefSenderExport, 5})});
+  const Bytes block = Frame({0, kFrameInvoke, 1, {}, 1, 0, kOpBlock, 0});
   const std::string kSizes = "malformed frame: sizes do not add up to the frame";
   const std::string kNeverGiven = "malformed frame: release of references never given";
+  const std::string kSlow = "frame not whole within 300 ms";
   const struct {
-    std::string why;
+    std::string why;  // the line logged
     Bytes bytes;
-    uint64_t delivered = 0;  // size of a call then made to its callback
+    uint64_t delivered = 0;  // size of calls then made to its callback...
+    int calls = 0;           // ...this many, each failing with `result`
+    int32_t result = TARN_IPC_ERROR_TIMEOUT;
+    bool hold = false;      // the client keeps its end open: the service ends it
+    int32_t refused = 0;    // the last call is answered with this; the connection stays
   } cases[] = {
-      {"no answer within 300 ms", store_callback, 64},
-      {"peer took no data for 300 ms", store_callback, 16u << 20},
+      {"3 calls got no answer within 300 ms", store_callback, 64, 3},
+      {"peer took no data for 300 ms", store_callback, 16u << 20, 1},
+      {"a call of more than 67108864 bytes cannot be sent", store_callback, kMaxBodySize + 1, 1,
+       OBJECT_ERROR_INVALID},
+      {kSlow, Bytes(10), 0, 0, 0, true},
+      {kSlow, Frame({100000, kFrameInvoke, 1, {}, 1, 0, 0, 1}, {Raw(uint64_t{99992}), Bytes(5000)}),
+       0, 0, 0, true},
+      {"call of 2000000 bytes, more than the limit of 1048576",
+       Frame({2000000, kFrameInvoke, 1, {}, 1, 0, 0, 0})},
+      {"calls refused: nested 200 deep, more than 32",
+       Frame({0, kFrameInvoke, 200, {}, 1, 0, kOpChecksum, 0}), 0, 0, 0, false,
+       TARN_IPC_ERROR_TOO_DEEP},
+      {"calls refused: 2 in flight already", Bytes(), 0, 0, 0, false, TARN_IPC_ERROR_BUSY},
       {"malformed frame: reserved field set", Bytes(64, 0xFF)},
-      {"malformed frame: frame too large", Frame({0xFFFFFFF0u, kFrameInvoke, {}, 1, 0, 0, 1})},
-      {kSizes, Frame({18, kFrameInvoke, {}, 1, 0, 0, 1}, {Raw(uint64_t{20}), Bytes(10)})},
+      {"malformed frame: frame too large", Frame({0xFFFFFFF0u, kFrameInvoke, 0, {}, 1, 0, 0, 1})},
+      {kSizes, Frame({18, kFrameInvoke, 0, {}, 1, 0, 0, 1}, {Raw(uint64_t{20}), Bytes(10)})},
       // Sizes that wrap around to the 7 bytes carried.
-      {kSizes, Frame({23, kFrameInvoke, {}, 1, 0, 0, 2}, {Raw(~0ull), Raw(uint64_t{8}), Bytes(7)})},
-      {"malformed frame: call of an unknown handle", Frame({0, kFrameInvoke, {}, 1, 99, 0, 0})},
-      {kNeverGiven, Frame({0, kFrameRelease, {}, 0, 42, 1, 0})},
-      {kNeverGiven, Frame({0, kFrameRelease, {}, 0, 0, 5, 0})},
-      {"malformed frame: answer to no call", Frame({0, kFrameReply, {}, 1, 0, 0, 0})},
+      {kSizes,
+       Frame({23, kFrameInvoke, 0, {}, 1, 0, 0, 2}, {Raw(~0ull), Raw(uint64_t{8}), Bytes(7)})},
+      {"malformed frame: call of an unknown handle", Frame({0, kFrameInvoke, 0, {}, 1, 99, 0, 0})},
+      {kNeverGiven, Frame({0, kFrameRelease, 0, {}, 0, 42, 1, 0})},
+      {kNeverGiven, Frame({0, kFrameRelease, 0, {}, 0, 0, 5, 0})},
+      {"malformed frame: answer to no call", Frame({0, kFrameReply, 0, {}, 1, 0, 0, 0})},
       {"malformed frame: bad object reference",
-       Frame({8, kFrameInvoke, {}, 1, 0, 0, one_obj}, {Raw(ObjectRef{7, 0})})},
+       Frame({8, kFrameInvoke, 0, {}, 1, 0, 0, one_obj}, {Raw(ObjectRef{7, 0})})},
       {"malformed frame: unknown handle passed back",
-       Frame({8, kFrameInvoke, {}, 1, 0, 0, one_obj}, {Raw(ObjectRef{kRefReceiverExport, 50})})},
-      {"peer stopped in the middle of a frame",
-       Frame({100, kFrameInvoke, {}, 1, 0, 0, 1}, {Bytes(10)})},
+       Frame({8, kFrameInvoke, 0, {}, 1, 0, 0, one_obj}, {Raw(ObjectRef{kRefReceiverExport, 50})})},
+      {"peer ended the stream in the middle of a frame",
+       Frame({100, kFrameInvoke, 0, {}, 1, 0, 0, 1}, {Bytes(10)})},
   };
   Served served;
   const Object bystander = served.Connect();
-  setenv("TARN_CALL_TIMEOUT_MS", "300", 1);
+  ScopedEnvironment limits({{"TARN_CALLBACK_TIMEOUT_MS", "300"},
+                            {"TARN_FRAME_TIMEOUT_MS", "300"},
+                            {"TARN_MAX_CALL_BYTES", "1048576"},
+                            {"TARN_MAX_CALLS_IN_FLIGHT", "2"}});
   int ended = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.why);
     testing::internal::CaptureStderr();
-    const int fd = served.RawConnect(c.bytes);
-    if (c.delivered > 0) {
-      while (IsNullObject(served.Stored())) Pause();
-      const Bytes data(c.delivered, 1);
-      ObjectArg args[1] = {Buf(data.data(), data.size())};
-      EXPECT_EQ(Call(served.Stored(), 0, args, 1), TARN_IPC_ERROR_TIMEOUT);
-      EXPECT_EQ(Store(bystander, kNullObject), 0);
-    } else {
-      shutdown(fd, SHUT_WR);
-      char byte;
-      EXPECT_EQ(read(fd, &byte, 1), 0);  // ended without a word
+    Bytes bytes = c.bytes;
+    if (c.refused == TARN_IPC_ERROR_BUSY) {
+      for (uint32_t id = 1; id <= 3; ++id) {
+        Bytes call = block;
+        call[8] = static_cast<uint8_t>(id);
+        bytes.insert(bytes.end(), call.begin(), call.end());
+      }
     }
+    const int fd = served.RawConnect(bytes);
+    if (c.calls > 0) {
+      while (IsNullObject(served.Stored())) Pause();
+      const Object callback = served.Stored();
+      ObjectRetain(callback);
+      EXPECT_EQ(Store(bystander, kNullObject), 0);
+      // Sizes beyond the frame limit are refused before a byte is read.
+      const Bytes data(c.delivered > kMaxBodySize ? 1 : c.delivered, 1);
+      for (int i = 0; i < c.calls; ++i) {
+        ObjectArg args[1] = {Buf(data.data(), c.delivered)};
+        EXPECT_EQ(Call(callback, 0, args, 1), c.result);
+        EXPECT_EQ(Call(bystander, kOpChecksum), Checksum(nullptr, 0));
+      }
+      ObjectRelease(callback);
+    }
+    if (c.refused != 0) {
+      const FrameHeader answer = ReadHeader(fd);
+      EXPECT_EQ(answer.type, kFrameReply);
+      EXPECT_EQ(static_cast<int32_t>(answer.code), c.refused);
+      EXPECT_EQ(answer.call_id, 1u + (c.refused == TARN_IPC_ERROR_BUSY ? 2 : 0));
+    }
+    if (c.refused == TARN_IPC_ERROR_BUSY) {
+      served.unblocked = true;  // the two calls in flight may end now
+    }
+    if (!c.hold) shutdown(fd, SHUT_WR);
+    char byte[64];
+    while (read(fd, byte, sizeof byte) > 0) {
+    }  // ended without a word but the answers owed
     served.root.AwaitReleases(++ended);
     close(fd);
     const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find(ClosedLine(c.why)), std::string::npos) << log;
+    const std::string line = c.refused != 0 ? "W tarnsocket: Connection to pid " +
+                                                  std::to_string(getpid()) + ": " + c.why + "\n"
+                                            : ClosedLine(c.why);
+    EXPECT_NE(log.find(line), std::string::npos) << log;
     EXPECT_EQ(Call(bystander, kOpChecksum), Checksum(nullptr, 0));
   }
-  unsetenv("TARN_CALL_TIMEOUT_MS");
   ObjectRelease(bystander);
   served.root.AwaitReleases(ended + 1);
   EXPECT_EQ(served.root.Held(), 0);
+}
+
+// A chain of callbacks nested deeper than the limit fails at once with its
+// own result, not after a timeout, and holds no worker afterwards.
+TEST_F(IpcObjectsTest, CallsNestedTooDeeplyFailAtOnce) {
+  Counted callback;
+  callback.on_call = [&](uint32_t, ObjectArg* in, uint32_t) {
+    const uint32_t depth = *static_cast<uint32_t*>(in[0].b.ptr);
+    if (depth == 0) return 100;
+    const int32_t inner = Echo(root_, depth - 1, callback.AsObject());
+    return inner < 0 ? inner : inner + 1;
+  };
+  const auto start = std::chrono::steady_clock::now();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Echo(root_, 1000, callback.AsObject()), TARN_IPC_ERROR_TOO_DEEP);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  EXPECT_NE(log.find("calls refused: nested 33 deep, more than 32"), std::string::npos) << log;
+  EXPECT_EQ(Echo(root_, 10, callback.AsObject()), 110);
+  ObjectRelease(root_);
+  EXPECT_EQ(callback.Settle(), 0);
+}
+
+// A peer that holds the limit of our objects gets no more (the answer says
+// so, the objects are released at once) until it lets one go; another peer
+// is not counted against it.
+TEST(IpcLimitTest, ExportsPerConnectionAreBounded) {
+  ScopedEnvironment limits({{"TARN_MAX_EXPORTS", "3"}});
+  Served served;
+  const Object greedy = served.Connect(), bystander = served.Connect();
+  const auto nth = [](Object root, uint32_t n, Object* out) {
+    ObjectArg args[2] = {Buf(&n, sizeof n), Obj(kNullObject)};
+    const int32_t result = Call(root, kOpNth, args, OBJECT_COUNTS(1, 0, 0, 1));
+    *out = args[1].o;
+    return result;
+  };
+  Object held[3], other[2];
+  EXPECT_EQ(nth(greedy, 0, &held[0]), 0);
+  EXPECT_EQ(nth(greedy, 1, &held[1]), 0);  // the root is the third
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(nth(greedy, 2, &held[2]), TARN_IPC_ERROR_TOO_MANY_OBJECTS);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(IsNullObject(held[2]));
+  EXPECT_EQ(served.many[2].Settle(), 0);
+  EXPECT_NE(log.find("objects refused: 3 exported to it already"), std::string::npos) << log;
+  for (uint32_t n = 0; n < 2; ++n) EXPECT_EQ(nth(bystander, n + 2, &other[n]), 0);
+  ObjectRelease(held[0]);
+  EXPECT_EQ(nth(greedy, 2, &held[2]), 0);
+  for (Object object : {held[1], held[2], other[0], other[1], greedy, bystander}) {
+    ObjectRelease(object);
+  }
+  for (Counted& counted : served.many) EXPECT_EQ(counted.Settle(), 0);
 }
 
 TEST(IpcServiceTest, RefusesWhatCannotServeAndStopOrShutdownEndsJoin) {

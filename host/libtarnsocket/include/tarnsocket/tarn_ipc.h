@@ -19,10 +19,39 @@ extern "C" {
  * is set. */
 #define TARN_IPC_DEFAULT_CALL_TIMEOUT_MS 5000
 
+/* What one peer may cost this process; README.md says why each is what it
+ * is. Each has an environment variable of the same name without the
+ * TARN_IPC_DEFAULT_ prefix, with TARN_ before it (TARN_FRAME_TIMEOUT_MS...),
+ * read for connections made after it is set. */
+/* A service's call into a peer's object (a callback) gets no answer within
+ * this time: the call fails with TARN_IPC_ERROR_TIMEOUT and counts a strike;
+ * a write to the peer that makes no progress for this time ends the
+ * connection. */
+#define TARN_IPC_DEFAULT_CALLBACK_TIMEOUT_MS 200
+/* Strikes within 30 s that end a service's connection. */
+#define TARN_IPC_DEFAULT_CALLBACK_STRIKES 3
+/* A frame not whole this long after its first byte ends the connection. */
+#define TARN_IPC_DEFAULT_FRAME_TIMEOUT_MS 2000
+/* A call into a service larger than this ends the connection. */
+#define TARN_IPC_DEFAULT_MAX_CALL_BYTES (16u << 20)
+/* Calls of one peer served at once; more fail with TARN_IPC_ERROR_BUSY. */
+#define TARN_IPC_DEFAULT_MAX_CALLS_IN_FLIGHT 64
+/* Objects exported to one peer; more fail with
+ * TARN_IPC_ERROR_TOO_MANY_OBJECTS. */
+#define TARN_IPC_DEFAULT_MAX_EXPORTS 1024
+/* Calls nested inside served calls; deeper ones fail at once with
+ * TARN_IPC_ERROR_TOO_DEEP. At most 255. */
+#define TARN_IPC_DEFAULT_MAX_CALL_DEPTH 32
+/* Received-call buffers kept for reuse by the whole process. */
+#define TARN_IPC_DEFAULT_KEPT_BUFFER_BYTES (16u << 20)
+
 /* Results of calls on remote objects that the transport, not the remote
  * object, produced. */
 #define TARN_IPC_ERROR_DEAD (-32)     /* the connection is gone (-EPIPE) */
 #define TARN_IPC_ERROR_TIMEOUT (-110) /* no answer in time (-ETIMEDOUT) */
+#define TARN_IPC_ERROR_BUSY (-16)     /* too many calls in flight (-EBUSY) */
+#define TARN_IPC_ERROR_TOO_DEEP (-40) /* nested too deeply (-ELOOP) */
+#define TARN_IPC_ERROR_TOO_MANY_OBJECTS (-28) /* export limit reached (-ENOSPC) */
 
 /*
  * Serves the root object {invoke, context} to every client that connects to

@@ -1,0 +1,57 @@
+#include "arena.h"
+
+#include <stdint.h>
+#include <sys/mman.h>
+
+#include <new>
+#include <utility>
+
+namespace tarnsocket {
+namespace {
+
+constexpr size_t kPage = 4096;
+
+}  // namespace
+
+Arena::Arena(Arena&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), capacity_(std::exchange(other.capacity_, 0)) {}
+
+Arena& Arena::operator=(Arena&& other) noexcept {
+  if (this != &other) {
+    Free();
+    data_ = std::exchange(other.data_, nullptr);
+    capacity_ = std::exchange(other.capacity_, 0);
+  }
+  return *this;
+}
+
+bool Arena::Reserve(uint64_t size) {
+  if (size <= capacity_) return true;
+  Free();
+  if (size > SIZE_MAX - kPage) return false;
+  if (size < kMappedArena) {
+    data_ = new (std::nothrow) uint8_t[size];
+    if (data_ != nullptr) capacity_ = static_cast<size_t>(size);
+  } else {
+    const size_t length = (static_cast<size_t>(size) + kPage - 1) & ~(kPage - 1);
+    void* map = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (map != MAP_FAILED) {
+      data_ = static_cast<uint8_t*>(map);
+      capacity_ = length;
+    }
+  }
+  return data_ != nullptr;
+}
+
+void Arena::Free() {
+  if (data_ == nullptr) return;
+  if (mapped()) {
+    munmap(data_, capacity_);
+  } else {
+    delete[] data_;
+  }
+  data_ = nullptr;
+  capacity_ = 0;
+}
+
+}  // namespace tarnsocket
