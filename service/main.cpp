@@ -7,13 +7,14 @@
 #include "deauth/deauth_monitor.h"
 #include "ky_loc_fw/log.h"
 #include "service/root_object.h"
+#include "tarnsocket/tarn_ipc_service.h"
 
 namespace {
 
 constexpr const char* kTag = "tesk";
 
-using StartServiceFn = void* (*)(int fd, ObjectInvoke invoke, void* context);
-using JoinFn = void (*)(void* handle);
+using StartServiceFn = TarnIPC_startServiceOnSocket_t;
+using JoinFn = TarnIPC_join_t;
 
 // A start-up failure must not end the process: init would restart it and
 // fail again in a loop. The daemon stays, idle, until the device reboots.

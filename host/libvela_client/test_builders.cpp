@@ -2,6 +2,7 @@
 // values.
 #include <cstdio>
 #include <cstring>
+#include <type_traits>
 
 #include "ky_loc_fw/vela_test_control.h"
 
@@ -86,14 +87,25 @@ void AddElement(ky_loc_fw::vector<VELAInfoElement*>* list, uint8_t id,
 
 }  // namespace
 
+// VELASsid's stored state, field for field; the interface header keeps its
+// fields private, and the layout test pins this order.
+struct SsidState {
+  uint8_t bytes[VELASsid::kMaxLength];
+  int32_t length;
+  bool valid;
+};
+static_assert(sizeof(SsidState) == sizeof(VELASsid), "VELASsid's fields");
+static_assert(std::is_trivially_copyable<VELASsid>::value, "VELASsid is copied bytewise");
+
 void SsidAccess::Set(VELASsid* ssid, const unsigned char* bytes, int length, bool valid) {
-  std::memset(ssid->bytes, 0, sizeof(ssid->bytes));
+  SsidState state{};
   if (bytes != nullptr && length > 0) {
-    std::memcpy(ssid->bytes, bytes,
+    std::memcpy(state.bytes, bytes,
                 static_cast<size_t>(length < VELASsid::kMaxLength ? length : VELASsid::kMaxLength));
   }
-  ssid->length = length;
-  ssid->valid = valid;
+  state.length = length;
+  state.valid = valid;
+  std::memcpy(static_cast<void*>(ssid), &state, sizeof state);
 }
 
 VELAResponse* MakeResponseOfType(unsigned int id, int type) {

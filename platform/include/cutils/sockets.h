@@ -1,6 +1,6 @@
-// Host libcutils: the part of it that a service started by init needs.
-#ifndef TESK_HOST_CUTILS_SOCKETS_H_
-#define TESK_HOST_CUTILS_SOCKETS_H_
+// libcutils: the part of it that a service started by init needs.
+#ifndef CUTILS_SOCKETS_H_
+#define CUTILS_SOCKETS_H_
 
 #ifdef __cplusplus
 extern "C" {
@@ -18,4 +18,4 @@ int android_get_control_socket(const char* name);
 }
 #endif
 
-#endif  // TESK_HOST_CUTILS_SOCKETS_H_
+#endif  // CUTILS_SOCKETS_H_

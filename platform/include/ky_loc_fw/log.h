@@ -9,7 +9,8 @@
 //
 // The environment variable KY_LOG_LEVEL overrides the levels set in code:
 // "2" applies to every tag, "tesk=2,vector=0" to the tags named, and the
-// two forms mix ("1,tesk=2"). On the host, lines go to stderr as
+// two forms mix ("1,tesk=2"). Lines go to the platform log; on a Linux host
+// they go to stderr as
 //   MM-DD HH:MM:SS.mmm  PID  TID L tag: text
 // where L is one of E W I D V.
 #ifndef KY_LOC_FW_LOG_H_

@@ -14,7 +14,7 @@
 //   scanFlag     report access points that hide their SSID among fresh
 //                results
 //   cacheFlag    the same for results taken from the cache
-// A cache holds every access point seen by a fresh scan (and on the host,
+// A cache holds every access point seen by a fresh scan (and in a simulation,
 // those the scenario marks as cached).
 #ifndef KY_LOC_FW_VELA_REQUEST_H_
 #define KY_LOC_FW_VELA_REQUEST_H_

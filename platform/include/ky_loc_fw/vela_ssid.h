@@ -8,10 +8,6 @@
 
 namespace ky_loc_fw {
 
-namespace vela_test {
-struct SsidAccess;
-}
-
 class VELASsid {
  public:
   static constexpr int kMaxLength = 32;
@@ -32,8 +28,6 @@ class VELASsid {
   int getSSID(unsigned char* buf, int* len) const;
 
  private:
-  friend struct vela_test::SsidAccess;
-
   uint8_t bytes[kMaxLength];
   int32_t length;
   bool valid;

@@ -9,9 +9,6 @@
 //
 // Deleting the client stops the delivery thread; answers not yet delivered
 // are dropped. Do not delete the client from inside responseReceived.
-//
-// On the host the service is simulated; see the README next to the library
-// for the scenario that decides what it answers.
 #ifndef KY_LOC_FW_VELA_CLIENT_H_
 #define KY_LOC_FW_VELA_CLIENT_H_
 
@@ -39,10 +36,8 @@ class VELAClient {
 
   // listener must outlive the client. autoReconnect: reconnect by itself when
   // the service restarts (requests pending then are answered with
-  // SCAN_STATUS_ABORTED); the host simulation never restarts and records the
-  // flag only. Returns null when the service cannot be reached (on the host:
-  // a null listener, a scenario that does not parse or that refuses the
-  // connection).
+  // SCAN_STATUS_ABORTED). Returns null when the service cannot be reached or
+  // listener is null.
   static VELAClient* createInstance(VELAClientListener* listener, bool autoReconnect,
                                     eLogLevel logLevel);
 
