@@ -1,13 +1,90 @@
-// The layout of the library's classes that the daemon's marshalling relies on.
+// The layout of the location library's classes that the daemon relies on:
+// whatever header the daemon is built against must pass these.
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "ky_loc_fw/vela_client.h"
 
 namespace ky_loc_fw {
 namespace {
+
+static_assert(std::is_standard_layout<VELAInfoElement>::value &&
+                  offsetof(VELAInfoElement, id) == 0 && offsetof(VELAInfoElement, len) == 1 &&
+                  offsetof(VELAInfoElement, data) == sizeof(void*),
+              "an element: identifier, length, then the data pointer");
+static_assert(std::is_standard_layout<VELAMeasurementDetail>::value &&
+                  sizeof(VELAMeasurementDetail) == 64 &&
+                  offsetof(VELAMeasurementDetail, infoValue32_3) == 8 &&
+                  offsetof(VELAMeasurementDetail, unreadDetail) == 12 &&
+                  offsetof(VELAMeasurementDetail, infoBlock) == 16 &&
+                  offsetof(VELAMeasurementDetail, infoValue16_1) == 32 &&
+                  offsetof(VELAMeasurementDetail, infoValue32_4) == 34 &&
+                  offsetof(VELAMeasurementDetail, infoValue16_2) == 36 &&
+                  offsetof(VELAMeasurementDetail, infoValue32_7) == 48 &&
+                  offsetof(VELAMeasurementDetail, infoValue8_1) == 52 &&
+                  offsetof(VELAMeasurementDetail, infoValue8_4) == 55 &&
+                  offsetof(VELAMeasurementDetail, infoValue32_8) == 56 &&
+                  offsetof(VELAMeasurementDetail, infoValue8_8) == 63,
+              "the detail record's fields in declaration order");
+static_assert(std::is_standard_layout<VELAMacAddress>::value && sizeof(VELAMacAddress) == 8 &&
+                  std::is_standard_layout<VELASsid>::value,
+              "embedded in measurements and arrays");
+static_assert(sizeof(VELANodeInfo) == 56 && sizeof(VELAPeriodicNodeInfo) == 72,
+              "the ranging targets' field widths");
+
+// The slot of a virtual member function in its class's table of virtual
+// operations, read from the Itanium C++ ABI's pointer to member function
+// {ptr, adj}: ptr is 1 + the slot's byte offset, except on ARM, where ptr is
+// the byte offset and the low bit of adj marks a virtual function. -1 when
+// the function is not virtual.
+template <typename F>
+long VirtualSlot(F member) {
+  struct {
+    uintptr_t ptr;
+    ptrdiff_t adj;
+  } rep;
+  static_assert(sizeof rep == sizeof member, "Itanium pointer to member function");
+  std::memcpy(&rep, &member, sizeof rep);
+#if defined(__arm__) || defined(__aarch64__)
+  const bool is_virtual = (rep.adj & 1) != 0;
+  const uintptr_t offset = rep.ptr;
+#else
+  const bool is_virtual = (rep.ptr & 1) != 0;
+  const uintptr_t offset = rep.ptr - 1;
+#endif
+  return is_virtual ? static_cast<long>(offset / sizeof(void*)) : -1;
+}
+
+TEST(VelaLayout, ListenerDeliversThroughSlotZeroBeforeItsDestructors) {
+  static_assert(std::has_virtual_destructor<VELAClientListener>::value, "");
+  EXPECT_EQ(VirtualSlot(&VELAClientListener::responseReceived), 0);
+}
+
+// The array is a class of the library's interface: a table of virtual
+// operations (the destructor), then the storage pointer, the capacity and the
+// count, with nothing between them.
+TEST(VelaLayout, ArrayHoldsItsBlockCapacityAndCountAfterTheVtable) {
+  static_assert(std::has_virtual_destructor<vector<int>>::value, "");
+  static_assert(sizeof(vector<int>) == 2 * sizeof(void*) + 8, "vptr, data, capacity, count");
+  vector<int> array;
+  array.push_back(7);
+  unsigned char bytes[sizeof array];
+  std::memcpy(bytes, static_cast<const void*>(&array), sizeof array);
+  const int* data;
+  uint32_t capacity;
+  uint32_t count;
+  std::memcpy(&data, bytes + sizeof(void*), sizeof data);
+  std::memcpy(&capacity, bytes + 2 * sizeof(void*), 4);
+  std::memcpy(&count, bytes + 2 * sizeof(void*) + 4, 4);
+  EXPECT_EQ(data, array.getData());
+  EXPECT_EQ(capacity, 64u);
+  EXPECT_EQ(count, 1u);
+}
 
 template <typename C, typename M>
 size_t OffsetIn(const C& object, const M& member) {
@@ -48,6 +125,9 @@ TEST(VelaLayout, ScanMeasurementFieldsFollowTheTableAfterTheVtable) {
   EXPECT_EQ(fields.front().offset, sizeof(void*));    // only the vtable comes first
   EXPECT_EQ(fields[4].offset, fields[3].offset + 1);  // the two bytes of field 4 are adjacent
   for (size_t i : {26u, 31u, 32u, 33u}) EXPECT_EQ(fields[i].size, 8u) << "field " << i;
+
+  EXPECT_EQ(fields[32].offset, sizeof(VELAScanMeasurement));  // the beacon's own fields
+  EXPECT_EQ(fields[34].offset, fields[32].offset + 16);        // follow 8 unread bytes
 
   VELARangingScanMeasurement r;
   EXPECT_EQ(OffsetIn(r, r.unreadRanging), sizeof(VELAScanMeasurement));

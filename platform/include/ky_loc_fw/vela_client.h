@@ -17,12 +17,14 @@
 
 namespace ky_loc_fw {
 
+// The notification comes first in the table of virtual operations, before
+// the destructors: the library calls it through slot 0.
 class VELAClientListener {
  public:
-  virtual ~VELAClientListener();
   // On the client's delivery thread. response may be null; it is deleted by
   // the client after the call.
   virtual void responseReceived(VELAResponse* response) = 0;
+  virtual ~VELAClientListener();
 };
 
 class VELAClient {

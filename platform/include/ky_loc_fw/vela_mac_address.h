@@ -4,7 +4,6 @@
 #define KY_LOC_FW_VELA_MAC_ADDRESS_H_
 
 #include <cstdint>
-#include <type_traits>
 
 namespace ky_loc_fw {
 
@@ -30,9 +29,6 @@ class VELAMacAddress {
   uint32_t lo24;
   uint32_t hi24;
 };
-
-static_assert(sizeof(VELAMacAddress) == 8, "two 32-bit halves");
-static_assert(std::is_standard_layout<VELAMacAddress>::value, "embedded in measurement layouts");
 
 }  // namespace ky_loc_fw
 

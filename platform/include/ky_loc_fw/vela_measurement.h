@@ -11,9 +11,7 @@
 #ifndef KY_LOC_FW_VELA_MEASUREMENT_H_
 #define KY_LOC_FW_VELA_MEASUREMENT_H_
 
-#include <cstddef>
 #include <cstdint>
-#include <type_traits>
 
 #include "ky_loc_fw/vela_mac_address.h"
 #include "ky_loc_fw/vela_ssid.h"
@@ -35,11 +33,6 @@ class VELAInfoElement {
   uint8_t len;
   uint8_t* data;  // len bytes, or null when len is 0
 };
-
-static_assert(std::is_standard_layout<VELAInfoElement>::value, "plain record");
-static_assert(offsetof(VELAInfoElement, id) == 0 && offsetof(VELAInfoElement, len) == 1 &&
-                  offsetof(VELAInfoElement, data) == 8,
-              "id, length, then the data pointer");
 
 // Per-chain detail of a measurement.
 class VELAMeasurementDetail {
@@ -68,22 +61,8 @@ class VELAMeasurementDetail {
   uint8_t infoValue8_8;    // reserved by the service, 0
 };
 
-static_assert(std::is_standard_layout<VELAMeasurementDetail>::value, "plain record");
-static_assert(sizeof(VELAMeasurementDetail) == 64, "widths of the detail record");
-static_assert(offsetof(VELAMeasurementDetail, unreadDetail) == 12 &&
-                  offsetof(VELAMeasurementDetail, infoBlock) == 16 &&
-                  offsetof(VELAMeasurementDetail, infoValue16_1) == 32 &&
-                  offsetof(VELAMeasurementDetail, infoValue32_4) == 34 &&
-                  offsetof(VELAMeasurementDetail, infoValue16_2) == 36 &&
-                  offsetof(VELAMeasurementDetail, infoValue32_7) == 48 &&
-                  offsetof(VELAMeasurementDetail, infoValue8_1) == 52 &&
-                  offsetof(VELAMeasurementDetail, infoValue32_8) == 56 &&
-                  offsetof(VELAMeasurementDetail, infoValue8_8) == 63,
-              "declaration order of the detail record");
-
-// A plain scan measurement. Polymorphic (the table of virtual operations comes
-// first); the field layout is checked by the library's tests, since offsetof
-// does not apply to a polymorphic class.
+// A plain scan measurement. Polymorphic: the table of virtual operations comes
+// first.
 class VELAScanMeasurement {
  public:
   enum eMeasurementType {

@@ -73,9 +73,6 @@ class VELAPeriodicNodeInfo : public VELANodeInfo {
   uint32_t periodicValue2;  // number of reports wanted (0: until cancelled)
 };
 
-static_assert(sizeof(VELANodeInfo) == 56, "field widths of the ranging target");
-static_assert(sizeof(VELAPeriodicNodeInfo) == 72, "field widths of the periodic target");
-
 }  // namespace ky_loc_fw
 
 #endif  // KY_LOC_FW_VELA_NODE_INFO_H_

@@ -4,7 +4,6 @@
 #define KY_LOC_FW_VELA_SSID_H_
 
 #include <cstdint>
-#include <type_traits>
 
 namespace ky_loc_fw {
 
@@ -32,8 +31,6 @@ class VELASsid {
   int32_t length;
   bool valid;
 };
-
-static_assert(std::is_standard_layout<VELASsid>::value, "embedded in measurement layouts");
 
 }  // namespace ky_loc_fw
 
