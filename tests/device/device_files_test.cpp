@@ -186,6 +186,25 @@ TEST(DeviceFiles, BlueprintBuildsWhatCMakeBuilds) {
   const std::string binary(std::istreambuf_iterator<char>(daemon), {});
   EXPECT_NE(binary.find(required[0] + ".so"), std::string::npos) << required[0];
 
+  // Every header the daemon includes is found on the device build's include
+  // path: the listed folders, or the C library's and the kernel's headers.
+  const std::vector<std::string> include_dirs = BlueprintList(bp, "local_include_dirs");
+  const auto found = [&](const std::string& header, bool system) {
+    for (const std::string& dir : include_dirs) {
+      if (fs::exists(fs::path(TESK_SOURCE_DIR) / dir / header)) return true;
+    }
+    if (!system) return false;
+    if (header.find('.') == std::string::npos || fs::exists("/usr/include/" + header)) return true;
+    for (const fs::directory_entry& arch : fs::directory_iterator("/usr/include")) {
+      if (fs::exists(arch.path() / header)) return true;
+    }
+    return false;
+  };
+  const std::regex include_line("#include\\s*([<\"])([^>\"]+)[>\"]");
+  for (std::sregex_iterator it(code.begin(), code.end(), include_line), end; it != end; ++it) {
+    EXPECT_TRUE(found((*it)[2], (*it)[1] == "<")) << (*it)[2];
+  }
+
   // Every -D setting is one that the daemon's code reads.
   for (const std::string& flag : BlueprintList(bp, "cflags")) {
     if (flag.rfind("-D", 0) != 0) continue;
