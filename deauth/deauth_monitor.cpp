@@ -1,12 +1,7 @@
 #include "deauth/deauth_monitor.h"
 
-#include "deauth/deauth_event.h"
-
-namespace {
-
-constexpr uint32_t kDeliveryCounts = OBJECT_COUNTS(1, 0, 0, 0);
-
-}  // namespace
+#include <tesk/deauth_event.h>
+#include <tesk/interfaces.h>
 
 DeauthMonitor::DeauthMonitor() {
   listeners.max_load_factor(1.0f);
@@ -46,7 +41,7 @@ void DeauthMonitor::OnDeauth(int wiphy, int ifindex, int reason, bool by_ap) {
     DeauthEvent event{wiphy, ifindex, reason, by_ap ? 1u : 0u};
     ObjectArg arg;
     arg.b = ObjectBuf{&event, sizeof event};
-    ObjectCall(entry.second, OBJECT_OP_METHOD, &arg, kDeliveryCounts);
+    ObjectCall(entry.second, OBJECT_OP_METHOD, &arg, kDeauthEventCounts);
   }
 }
 

@@ -8,8 +8,9 @@
 #include <mutex>
 #include <unordered_map>
 
+#include <tesk/object.h>
+
 #include "deauth/deauth_detector.h"
-#include "service/object.h"
 
 class DeauthMonitor : public DeauthDetector {
  public:

@@ -1,12 +1,8 @@
 #include "deauth/deauth_monitor_object.h"
 
+#include <tesk/interfaces.h>
+
 #include "deauth/deauth_monitor.h"
-
-namespace {
-
-constexpr uint32_t kRegisterCounts = OBJECT_COUNTS(0, 0, 1, 1);
-
-}  // namespace
 
 Object CreateDeauthMonitor() {
   return Object{deauth_monitor_invoke, nullptr};
@@ -16,7 +12,7 @@ int32_t deauth_monitor_invoke(void* /*context*/, uint32_t op, ObjectArg* args, u
   const uint32_t o = op & OBJECT_OP_MASK;
   // Stateless and never destroyed: references are not counted.
   if (o == OBJECT_OP_RETAIN || o == OBJECT_OP_RELEASE) return OBJECT_OK;
-  if (o != OBJECT_OP_METHOD || counts != kRegisterCounts) return OBJECT_ERROR_INVALID;
+  if (o != OBJECT_OP_METHOD || counts != kDeauthRegisterCounts) return OBJECT_ERROR_INVALID;
   // The callback is not checked: a null one is registered like any other.
   DeauthMonitor::Get().Listen(args[0].o, &args[1].o);
   return OBJECT_OK;

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 // {deauth_monitor_invoke, null}.
 Object CreateDeauthMonitor();

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 struct RequestHandle {
   uint32_t id;

@@ -9,10 +9,11 @@
 #include <mutex>
 #include <unordered_map>
 
+#include <tesk/object.h>
+
 #include "ky_loc_fw/vela_client.h"
 #include "ky_loc_fw/vela_request.h"
 #include "ky_loc_fw/vela_response.h"
-#include "service/object.h"
 
 class VelaDispatcher : public ky_loc_fw::VELAClientListener {
  public:

@@ -19,8 +19,9 @@ endforeach()
 
 add_library(tesk_platform_boundary_check OBJECT ${boundary_files})
 target_include_directories(tesk_platform_boundary_check PRIVATE ${boundary_root})
-# The platform interfaces' usage requirements and the daemon's own settings;
-# no host library's include folder.
-target_link_libraries(tesk_platform_boundary_check PRIVATE tesk::platform tesk::warnings)
+# The platform interfaces' usage requirements, the wire contract and the
+# daemon's own settings; no host library's include folder.
+target_link_libraries(tesk_platform_boundary_check PRIVATE tesk::platform tesk::contract
+                      tesk::warnings)
 target_compile_definitions(tesk_platform_boundary_check PRIVATE
-                           $<TARGET_PROPERTY:vela_client,INTERFACE_COMPILE_DEFINITIONS>)
+                           $<TARGET_PROPERTY:tesk_scan,INTERFACE_COMPILE_DEFINITIONS>)

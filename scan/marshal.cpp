@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ky_loc_fw/vela_measurement.h"
+#include "scan/vendor_oui.h"
 
 namespace {
 
@@ -11,8 +12,6 @@ using ky_loc_fw::VELAInfoElement;
 using ky_loc_fw::VELAMeasurementDetail;
 using ky_loc_fw::VELAScanMeasurement;
 
-// Long vendor elements of our own OUI get the beacon byte appended.
-constexpr uint8_t kVendorOui[3] = {TESK_VENDOR_OUI_BYTES};
 constexpr uint8_t kVendorSpecificId = 221;
 // Shorter elements of ours are left as they came; kept on purpose, not to be relaxed.
 constexpr uint8_t kExtendedMinLength = 25;

@@ -1,5 +1,5 @@
 // Flattening of the location library's measurements into the pointer-free
-// records of scan/scan_records.h, appended to the arrays of one response.
+// records of <tesk/scan_records.h>, appended to the arrays of one response.
 #ifndef TESK_SCAN_MARSHAL_H_
 #define TESK_SCAN_MARSHAL_H_
 

@@ -5,8 +5,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include <tesk/object.h>
+
 #include "scan/vector.h"
-#include "service/object.h"
 
 // Record `index` of an input buffer. Buffers arrive as the peer sent them,
 // without any alignment promise, so the record is copied out.

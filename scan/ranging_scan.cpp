@@ -3,6 +3,10 @@
 #include <cstddef>
 #include <cstring>
 
+#include <tesk/interfaces.h>
+#include <tesk/scan_records.h>
+#include <tesk/scan_requests.h>
+
 #include "dispatch/vela_dispatcher.h"
 #include "ky_loc_fw/log.h"
 #include "ky_loc_fw/vela_node_info.h"
@@ -11,8 +15,6 @@
 #include "scan/marshal.h"
 #include "scan/object_buffers.h"
 #include "scan/response_data.h"
-#include "scan/scan_records.h"
-#include "scan/scan_request_records.h"
 #include "scan/vector.h"
 
 using ky_loc_fw::VELANodeInfo;

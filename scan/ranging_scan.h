@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 // {ranging_scan_invoke, null}: the object has no state.
 Object CreateVelaRangingScan();

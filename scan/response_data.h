@@ -3,7 +3,8 @@
 #ifndef TESK_SCAN_RESPONSE_DATA_H_
 #define TESK_SCAN_RESPONSE_DATA_H_
 
-#include "scan/scan_records.h"
+#include <tesk/scan_records.h>
+
 #include "scan/vector.h"
 
 struct CommonResponseData {

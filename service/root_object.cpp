@@ -2,15 +2,11 @@
 
 #include <cstring>
 
+#include <tesk/interfaces.h>
+
 #include "deauth/deauth_monitor_object.h"
 #include "scan/discovery_scan.h"
 #include "scan/ranging_scan.h"
-
-namespace {
-
-constexpr uint32_t kRootCounts = OBJECT_COUNTS(1, 0, 0, 1);
-
-}  // namespace
 
 int32_t root_invoke(void* /*context*/, uint32_t op, ObjectArg* args, uint32_t counts) {
   const uint32_t o = op & OBJECT_OP_MASK;

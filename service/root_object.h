@@ -5,12 +5,7 @@
 
 #include <cstdint>
 
-#include "service/object.h"
-
-// Interface ids a client passes to the root object.
-constexpr uint32_t kInterfaceDiscoveryScan = 1;
-constexpr uint32_t kInterfaceRangingScan = 2;
-constexpr uint32_t kInterfaceDeauthMonitor = 30;
+#include <tesk/object.h>
 
 // Root object's invoke: op 0 with counts 0x1001 and a 4-byte interface id
 // in args[0] writes the interface's object to args[1]. The context is unused.

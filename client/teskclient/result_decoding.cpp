@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include <tesk/interfaces.h>
+
 namespace teskclient {
 namespace {
 
@@ -57,6 +59,14 @@ bool DecodeRangingDelivery(const ObjectArg* args, uint32_t counts, RangingResult
   memcpy(&out->scanStatus, status.ptr, sizeof out->scanStatus);
   CopyCommon(args, out);
   CopyRecords(args[4].b, &out->macs, &out->dropped_bytes);
+  return true;
+}
+
+bool DecodeDeauthEvent(const ObjectArg* args, uint32_t counts, DeauthEvent* out) {
+  if (counts != kDeauthEventCounts || args == nullptr) return false;
+  const ObjectBuf& event = args[0].b;
+  if (event.ptr == nullptr || event.size != sizeof(DeauthEvent)) return false;
+  memcpy(out, event.ptr, sizeof *out);
   return true;
 }
 

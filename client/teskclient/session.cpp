@@ -1,5 +1,7 @@
 #include "teskclient/session.h"
 
+#include <tesk/interfaces.h>
+
 #include "tarnsocket/tarn_ipc.h"
 
 namespace teskclient {
@@ -20,8 +22,7 @@ int32_t OpenService(Object root, uint32_t interface_id, Object* service) {
   ObjectArg args[2];
   args[0].b = ObjectBuf{&interface_id, sizeof interface_id};
   args[1].o = kNullObject;
-  const int32_t result =
-      root.invoke(root.context, OBJECT_OP_METHOD, args, OBJECT_COUNTS(1, 0, 0, 1));
+  const int32_t result = root.invoke(root.context, OBJECT_OP_METHOD, args, kRootCounts);
   if (result == OBJECT_OK) *service = args[1].o;
   return result;
 }
@@ -50,6 +51,16 @@ int32_t StartRangingScan(Object service, const EncodedRangingScan& request, Obje
   args[3].o = kNullObject;
   const int32_t result = service.invoke(service.context, request.op, args, kRangingScanCounts);
   if (result == OBJECT_OK) *handle = args[3].o;
+  return result;
+}
+
+int32_t WatchDisconnects(Object service, Object callback, Object* token) {
+  ObjectArg args[2];
+  args[0].o = callback;
+  args[1].o = kNullObject;
+  const int32_t result =
+      service.invoke(service.context, OBJECT_OP_METHOD, args, kDeauthRegisterCounts);
+  if (result == OBJECT_OK) *token = args[1].o;
   return result;
 }
 

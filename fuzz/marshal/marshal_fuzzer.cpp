@@ -15,13 +15,12 @@
 #include "ky_loc_fw/vela_measurement.h"
 #include "ky_loc_fw/vela_test_control.h"
 #include "scan/marshal.h"
+#include "scan/vendor_oui.h"
 
 namespace {
 
 using ky_loc_fw::VELAInfoElement;
 using ky_loc_fw::VELAScanMeasurement;
-
-constexpr uint8_t kOwnOui[3] = {TESK_VENDOR_OUI_BYTES};
 
 void Check(bool ok) {
   if (!ok) __builtin_trap();
@@ -32,7 +31,7 @@ VELAInfoElement* MakeElement(FuzzedDataProvider& in) {
   const uint8_t id = in.ConsumeBool() ? 221 : in.ConsumeIntegral<uint8_t>();
   std::vector<uint8_t> data = in.ConsumeBytes<uint8_t>(in.ConsumeIntegral<uint8_t>());
   if (data.size() >= 3 && in.ConsumeBool()) {
-    for (int i = 0; i < 3; ++i) data[i] = kOwnOui[i];
+    for (int i = 0; i < 3; ++i) data[i] = kVendorOui[i];
   }
   return new VELAInfoElement(id, data.data(), static_cast<uint8_t>(data.size()));
 }

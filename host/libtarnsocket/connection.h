@@ -18,6 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <tesk/object.h>
+
 #include "clock.h"
 #include "export_table.h"
 #include "frame.h"
@@ -25,7 +27,6 @@
 #include "invoke_frame.h"
 #include "limits.h"
 #include "proxy.h"
-#include "service/object.h"
 #include "socket_io.h"
 
 namespace tarnsocket {

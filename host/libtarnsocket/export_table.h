@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 namespace tarnsocket {
 

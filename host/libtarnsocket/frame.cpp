@@ -2,7 +2,7 @@
 
 #include <string.h>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 namespace tarnsocket {
 namespace {

@@ -6,9 +6,10 @@
 
 #include <stdint.h>
 
+#include <tesk/object.h>
+
 #include "arena.h"
 #include "frame.h"
-#include "service/object.h"
 
 namespace tarnsocket {
 

@@ -8,7 +8,7 @@
 
 #include <memory>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 namespace tarnsocket {
 

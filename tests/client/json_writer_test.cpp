@@ -1,6 +1,6 @@
 // teskctl's JSON encoder: escaping, and the UTF-8 check that decides whether
 // an SSID is printed as text or as hex.
-#include "tools/teskctl/json_writer.h"
+#include "json_writer.h"
 
 #include <string>
 

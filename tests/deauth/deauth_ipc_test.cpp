@@ -30,7 +30,7 @@ namespace {
 
 using deauth_test::FakeCallback;
 
-constexpr uint32_t kRegister = OBJECT_COUNTS(0, 0, 1, 1);
+constexpr uint32_t kRegister = kDeauthRegisterCounts;
 
 // The next callback registered through the IPC library gets wrapped in
 // this one, which counts what the monitor does with it.

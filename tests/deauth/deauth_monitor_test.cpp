@@ -14,7 +14,7 @@ namespace {
 
 using deauth_test::FakeCallback;
 
-constexpr uint32_t kRegister = OBJECT_COUNTS(0, 0, 1, 1);
+constexpr uint32_t kRegister = kDeauthRegisterCounts;
 
 Object Register(Object callback) {
   ObjectArg args[2];

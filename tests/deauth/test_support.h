@@ -14,10 +14,12 @@
 #include <utility>
 #include <vector>
 
-#include "deauth/deauth_event.h"
+#include <tesk/deauth_event.h>
+#include <tesk/interfaces.h>
+#include <tesk/object.h>
+
 #include "deauth/genl_message.h"
 #include "ky_loc_fw/log_capture.h"
-#include "service/object.h"
 
 namespace deauth_test {
 
@@ -122,7 +124,7 @@ struct FakeCallback {
       ++self->releases;
     } else {
       ++self->deliveries;
-      if (op != OBJECT_OP_METHOD || counts != OBJECT_COUNTS(1, 0, 0, 0) ||
+      if (op != OBJECT_OP_METHOD || counts != kDeauthEventCounts ||
           args[0].b.size != sizeof(DeauthEvent) || self->retains <= self->releases) {
         ++self->bad_deliveries;
       }

@@ -19,7 +19,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "scan/scan_records.h"
+#include <tesk/scan_records.h>
+
 #include "teskclient/callback_object.h"
 #include "teskclient/mac_address.h"
 #include "teskclient/request_encoding.h"
@@ -195,7 +196,7 @@ std::string Neighbourhood() {
 // teskctl --json.
 TEST(ScanEndToEnd, ThreeBeaconsInTheResponsesOrder) {
   ScenarioDaemon daemon(Neighbourhood());
-  Client client(daemon.socket(), teskclient::kDiscoveryScanInterface);
+  Client client(daemon.socket(), kInterfaceDiscoveryScan);
   teskclient::DiscoveryScanPlan plan;
   plan.params.band = 2;
   ASSERT_EQ(client.Discover(plan), 0);
@@ -234,7 +235,7 @@ TEST(ScanEndToEnd, ThreeBeaconsInTheResponsesOrder) {
 
 TEST(ScanEndToEnd, RangingAnswerWithOnePlainAndOneRangingMeasurement) {
   ScenarioDaemon daemon(Neighbourhood());
-  Client client(daemon.socket(), teskclient::kRangingScanInterface);
+  Client client(daemon.socket(), kInterfaceRangingScan);
   teskclient::RangingScanPlan plan;
   plan.targets.resize(2);
   ASSERT_TRUE(teskclient::ParseMacAddress(kAps[0].bssid, &plan.targets[0].mac));
@@ -259,7 +260,7 @@ TEST(ScanEndToEnd, AbandonedScanGetsNoDeliveryAndTheDaemonServesOn) {
     SCOPED_TRACE(kill_teskctl ? "teskctl killed" : "handle released");
     ScenarioDaemon daemon("latency 3000\nap bssid=02:00:00:00:00:01 channel=1\n");
     tesk_test::DaemonProcess& process = *daemon.process;
-    Client client(daemon.socket(), teskclient::kDiscoveryScanInterface);
+    Client client(daemon.socket(), kInterfaceDiscoveryScan);
     if (kill_teskctl) {
       Teskctl teskctl({"--socket", daemon.socket(), "scan"});
       ASSERT_TRUE(process.WaitForLog("DiscoveryScan: StartScan returning 0\n", kPatience));
@@ -284,7 +285,7 @@ TEST(ScanEndToEnd, ConcurrentClientsEachGetTheirOwnResults) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 3; ++i) {
     threads.emplace_back([&, i] {
-      Client client(daemon.socket(), teskclient::kDiscoveryScanInterface);
+      Client client(daemon.socket(), kInterfaceDiscoveryScan);
       teskclient::DiscoveryScanPlan plan;  // each client asks for a different station
       plan.params.band = 2;
       plan.bssids.resize(1);

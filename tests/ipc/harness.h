@@ -17,8 +17,9 @@
 #include <thread>
 #include <vector>
 
+#include <tesk/object.h>
+
 #include "gtest/gtest.h"
-#include "service/object.h"
 #include "tarnsocket/tarn_ipc.h"
 
 namespace tarnsocket::ipc_test {

@@ -1,9 +1,10 @@
 // The frame codec alone: which headers pass, and where a call's buffers land.
 #include <string.h>
 
+#include <tesk/object.h>
+
 #include "frame.h"
 #include "gtest/gtest.h"
-#include "service/object.h"
 
 namespace tarnsocket {
 namespace {

@@ -12,6 +12,7 @@
 #include "ky_loc_fw/vela_measurement.h"
 #include "ky_loc_fw/vela_test_control.h"
 #include "scan/marshal.h"
+#include "scan/vendor_oui.h"
 
 namespace {
 
@@ -21,8 +22,6 @@ using ky_loc_fw::VELAMeasurementDetail;
 using ky_loc_fw::VELARangingScanMeasurement;
 using ky_loc_fw::VELAScanMeasurement;
 using Bytes = std::vector<uint8_t>;
-
-constexpr uint8_t kOwnOui[3] = {TESK_VENDOR_OUI_BYTES};
 
 // Writes a little-endian value at an explicit offset, so that a test does not
 // lean on the struct it checks.
@@ -169,9 +168,9 @@ TEST(MarshalTest, VendorElementExtension) {
     bool extended;
   };
   const IeCase cases[] = {
-      {"own, 25", 221, kOwnOui, 25, true},      {"own, 254", 221, kOwnOui, 254, true},
-      {"own, 24", 221, kOwnOui, 24, false},     {"own, 255", 221, kOwnOui, 255, false},
-      {"other OUI", 221, other_oui, 30, false}, {"not vendor", 220, kOwnOui, 30, false},
+      {"own, 25", 221, kVendorOui, 25, true},   {"own, 254", 221, kVendorOui, 254, true},
+      {"own, 24", 221, kVendorOui, 24, false},  {"own, 255", 221, kVendorOui, 255, false},
+      {"other OUI", 221, other_oui, 30, false}, {"not vendor", 220, kVendorOui, 30, false},
   };
   for (const IeCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -198,7 +197,7 @@ TEST(MarshalTest, OneBeaconInTheBytePool) {
   for (signed char c : {-1, 2}) m.rawBytes.push_back(c);
   m.elementB = Element(45, {0xAA});
   for (VELAInfoElement* e : {Element(0, {'a', 'p'}), static_cast<VELAInfoElement*>(nullptr),
-                             Element(221, VendorData(kOwnOui, 25)),
+                             Element(221, VendorData(kVendorOui, 25)),
                              static_cast<VELAInfoElement*>(nullptr), Element(3, {})}) {
     m.informationElements.push_back(e);
   }
@@ -215,7 +214,7 @@ TEST(MarshalTest, OneBeaconInTheBytePool) {
   EXPECT_EQ(rec.beaconIesOffset, 6u);
   EXPECT_EQ(rec.beaconIesLength, 4u + 28u + 2u);
   EXPECT_EQ(Raw(out.bytes), Concat({{0x77, 0xFF, 2, 45, 1, 0xAA, 0, 2, 'a', 'p', 221, 26},
-                                    VendorData(kOwnOui, 25),
+                                    VendorData(kVendorOui, 25),
                                     {0xAB, 3, 0}}));
 }
 

@@ -11,13 +11,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tesk/interfaces.h>
+#include <tesk/scan_records.h>
+#include <tesk/scan_requests.h>
+
 #include "dispatch/vela_dispatcher.h"
 #include "ky_loc_fw/log_capture.h"
 #include "ky_loc_fw/vela_test_control.h"
 #include "scan/discovery_scan.h"
 #include "scan/ranging_scan.h"
-#include "scan/scan_records.h"
-#include "scan/scan_request_records.h"
 
 namespace {
 

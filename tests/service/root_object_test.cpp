@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <vector>
 
+#include <tesk/interfaces.h>
+
 namespace {
 
 // A recognisable non-null object, to tell "cleared" from "untouched".

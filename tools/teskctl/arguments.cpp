@@ -1,4 +1,4 @@
-#include "tools/teskctl/arguments.h"
+#include "arguments.h"
 
 #include <cerrno>
 #include <cstdlib>

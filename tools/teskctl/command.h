@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 // Exit statuses. 1, 2 and 5 are the daemon's own codes passed through, so
 // a script sees the same number the daemon answered.

@@ -1,8 +1,8 @@
-#include "tools/teskctl/json_printer.h"
+#include "json_printer.h"
 
+#include "json_writer.h"
 #include "teskclient/information_elements.h"
 #include "teskclient/mac_address.h"
-#include "tools/teskctl/json_writer.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/teskctl/json_writer.h"
+#include "json_writer.h"
 
 #include <cinttypes>
 #include <cstdio>

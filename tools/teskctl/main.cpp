@@ -6,10 +6,10 @@
 #include <cstring>
 #include <string>
 
+#include "arguments.h"
+#include "command.h"
 #include "host/init/default_socket_dir.h"
-#include "tools/teskctl/arguments.h"
-#include "tools/teskctl/command.h"
-#include "tools/teskctl/result_waiter.h"
+#include "result_waiter.h"
 
 namespace {
 

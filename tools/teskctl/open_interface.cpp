@@ -2,8 +2,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "command.h"
 #include "teskclient/session.h"
-#include "tools/teskctl/command.h"
 
 int OpenInterface(const GlobalOptions& options, uint32_t interface_id, Object* service) {
   Object root = kNullObject;

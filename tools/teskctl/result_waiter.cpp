@@ -1,4 +1,4 @@
-#include "tools/teskctl/result_waiter.h"
+#include "result_waiter.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -4,14 +4,14 @@
 #include <memory>
 #include <string>
 
+#include "arguments.h"
+#include "command.h"
+#include "json_printer.h"
+#include "scan_runner.h"
+#include "table_printer.h"
 #include "teskclient/request_encoding.h"
 #include "teskclient/result_decoding.h"
 #include "teskclient/session.h"
-#include "tools/teskctl/arguments.h"
-#include "tools/teskctl/command.h"
-#include "tools/teskctl/json_printer.h"
-#include "tools/teskctl/scan_runner.h"
-#include "tools/teskctl/table_printer.h"
 
 namespace {
 
@@ -162,7 +162,7 @@ int RunScanCommand(const GlobalOptions& options, int argc, char** argv) {
   using Slot = DeliverySlot<teskclient::DiscoveryResults>;
   auto slot = std::make_shared<Slot>();
   const int status = RunScan(
-      options, teskclient::kDiscoveryScanInterface,
+      options, kInterfaceDiscoveryScan,
       [&request](Object service, Object callback, Object* handle) {
         return teskclient::StartDiscoveryScan(service, request, callback, handle);
       },

@@ -1,8 +1,8 @@
-#include "tools/teskctl/scan_runner.h"
+#include "scan_runner.h"
 
 #include <cstdio>
 
-#include "tools/teskctl/result_waiter.h"
+#include "result_waiter.h"
 
 namespace {
 

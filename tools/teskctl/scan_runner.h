@@ -8,9 +8,10 @@
 #include <memory>
 #include <mutex>
 
-#include "service/object.h"
+#include <tesk/object.h>
+
+#include "command.h"
 #include "teskclient/callback_object.h"
-#include "tools/teskctl/command.h"
 
 // Starts the scan on `service`: the daemon's answer, with *handle set on 0.
 using StartScanFn = std::function<int32_t(Object service, Object callback, Object* handle)>;

@@ -1,4 +1,4 @@
-#include "tools/teskctl/table_printer.h"
+#include "table_printer.h"
 
 #include <cinttypes>
 #include <string>

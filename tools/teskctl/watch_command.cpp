@@ -7,17 +7,15 @@
 #include <string>
 #include <utility>
 
-#include "deauth/deauth_event.h"
+#include "command.h"
+#include "json_writer.h"
+#include "result_waiter.h"
 #include "teskclient/callback_object.h"
+#include "teskclient/result_decoding.h"
 #include "teskclient/session.h"
-#include "tools/teskctl/command.h"
-#include "tools/teskctl/json_writer.h"
-#include "tools/teskctl/result_waiter.h"
 
 namespace {
 
-constexpr uint32_t kRegisterCounts = OBJECT_COUNTS(0, 0, 1, 1);
-constexpr uint32_t kEventCounts = OBJECT_COUNTS(1, 0, 0, 0);
 constexpr int kWaitStepMs = 3600 * 1000;  // watching has no deadline
 
 void PrintWatchUsage(FILE* out) {
@@ -71,12 +69,11 @@ void PrintEvent(const DeauthEvent& event, bool json) {
 void OnDelivery(WatchState& state, const ObjectArg* args, uint32_t counts) {
   std::lock_guard<std::mutex> lock(state.mutex);
   if (state.waiter == nullptr) return;
-  if (counts != kEventCounts || args[0].b.size != sizeof(DeauthEvent)) {
+  DeauthEvent event;
+  if (!teskclient::DecodeDeauthEvent(args, counts, &event)) {
     fprintf(stderr, "teskctl: ignored a delivery of unexpected shape (counts 0x%x)\n", counts);
     return;
   }
-  DeauthEvent event;
-  memcpy(&event, args[0].b.ptr, sizeof event);
   PrintEvent(event, state.json);
 }
 
@@ -102,7 +99,7 @@ int RunWatchCommand(const GlobalOptions& options, int argc, char** argv) {
   }
 
   Object service = kNullObject;
-  const int opened = OpenInterface(options, teskclient::kDeauthMonitorInterface, &service);
+  const int opened = OpenInterface(options, kInterfaceDeauthMonitor, &service);
   if (opened != kExitOk) return opened;
 
   // From here a SIGINT or SIGTERM, even one sent earlier, ends the watch.
@@ -121,11 +118,8 @@ int RunWatchCommand(const GlobalOptions& options, int argc, char** argv) {
       });
   notice.reset();
 
-  ObjectArg args[2];
-  args[0].o = callback;
-  args[1].o = kNullObject;
-  const int32_t registered =
-      service.invoke(service.context, OBJECT_OP_METHOD, args, kRegisterCounts);
+  Object token = kNullObject;
+  const int32_t registered = teskclient::WatchDisconnects(service, callback, &token);
   // From here the daemon holds the callback; without our own reference, the
   // callback's end tells us that the daemon let go of it.
   ObjectRelease(callback);
@@ -137,7 +131,6 @@ int RunWatchCommand(const GlobalOptions& options, int argc, char** argv) {
     ObjectRelease(service);
     return RegisterFailure(registered);
   }
-  const Object token = args[1].o;
   fprintf(stderr, "teskctl: watching disconnect events; interrupt to stop\n");
 
   int status = kExitOk;

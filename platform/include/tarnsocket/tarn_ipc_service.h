@@ -6,7 +6,7 @@
 #ifndef TARNSOCKET_TARN_IPC_SERVICE_H_
 #define TARNSOCKET_TARN_IPC_SERVICE_H_
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 #ifdef __cplusplus
 extern "C" {

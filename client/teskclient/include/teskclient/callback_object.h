@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <functional>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 namespace teskclient {
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "scan/scan_records.h"
+#include <tesk/scan_records.h>
 
 namespace teskclient {
 

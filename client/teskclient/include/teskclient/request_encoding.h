@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "scan/scan_request_records.h"
+#include <tesk/interfaces.h>
+#include <tesk/scan_requests.h>
+
 #include "teskclient/mac_address.h"
 
 namespace teskclient {

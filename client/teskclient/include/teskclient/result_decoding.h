@@ -9,9 +9,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "scan/scan_records.h"
-#include "scan/scan_request_records.h"
-#include "service/object.h"
+#include <tesk/deauth_event.h>
+#include <tesk/object.h>
+#include <tesk/scan_records.h>
+#include <tesk/scan_requests.h>
 
 namespace teskclient {
 
@@ -37,6 +38,10 @@ struct RangingResults : ScanRecords {
 // the header's or the status's size); the output is then meaningless.
 bool DecodeDiscoveryDelivery(const ObjectArg* args, uint32_t counts, DiscoveryResults* out);
 bool DecodeRangingDelivery(const ObjectArg* args, uint32_t counts, RangingResults* out);
+
+// One disconnect event; false when the delivery is not exactly one
+// DeauthEvent buffer.
+bool DecodeDeauthEvent(const ObjectArg* args, uint32_t counts, DeauthEvent* out);
 
 // A checked slice of the byte pool. `valid` is false when the record points
 // outside the pool; data and size are then null and 0.

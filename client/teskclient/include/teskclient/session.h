@@ -7,15 +7,12 @@
 #include <cstdint>
 #include <string>
 
-#include "service/object.h"
+#include <tesk/interfaces.h>
+#include <tesk/object.h>
+
 #include "teskclient/request_encoding.h"
 
 namespace teskclient {
-
-// Interface ids of the root object.
-constexpr uint32_t kDiscoveryScanInterface = 1;
-constexpr uint32_t kRangingScanInterface = 2;
-constexpr uint32_t kDeauthMonitorInterface = 30;
 
 // 0 and *root holding one reference, or a negative errno.
 int Connect(const std::string& socket_path, Object* root);
@@ -30,6 +27,11 @@ int32_t StartDiscoveryScan(Object service, const EncodedDiscoveryScan& request, 
                            Object* handle);
 int32_t StartRangingScan(Object service, const EncodedRangingScan& request, Object callback,
                          Object* handle);
+
+// Registers `callback` with the deauth monitor service for disconnect events
+// (see DecodeDeauthEvent). The service's answer: 0 with *token holding one
+// reference (release it to end the registration), or 2.
+int32_t WatchDisconnects(Object service, Object callback, Object* token);
 
 }  // namespace teskclient
 

@@ -7,7 +7,7 @@
 #ifndef TARNSOCKET_TARN_IPC_H_
 #define TARNSOCKET_TARN_IPC_H_
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 #ifdef __cplusplus
 extern "C" {

@@ -4,8 +4,8 @@
  * context it is called with. Plain C so that the IPC library and native
  * clients written in C share the very same types.
  */
-#ifndef TESK_SERVICE_OBJECT_H_
-#define TESK_SERVICE_OBJECT_H_
+#ifndef TESK_OBJECT_H_
+#define TESK_OBJECT_H_
 
 #include <stdint.h>
 
@@ -83,4 +83,4 @@ inline void ObjectRelease(const Object& o) {
 }
 #endif
 
-#endif  // TESK_SERVICE_OBJECT_H_
+#endif  // TESK_OBJECT_H_

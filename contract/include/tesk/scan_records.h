@@ -1,14 +1,12 @@
 // Flat result records handed to remote clients: pointer-free, little-endian,
-// natural alignment, no packing. The daemon, the client library, the
-// command-line client and the tests all read them through this header, so it
-// depends on nothing but the standard library.
+// natural alignment, no packing.
 //
 // A response carries one array of WifiScanMeasurement, one pooled array of
 // WifiMeasurementInfo, one byte pool and (ranging only) one pooled array of
 // WifiMacAddress; each scan record finds its share of the pools by the
 // indexes, offsets and counts it holds.
-#ifndef TESK_SCAN_SCAN_RECORDS_H_
-#define TESK_SCAN_SCAN_RECORDS_H_
+#ifndef TESK_SCAN_RECORDS_H_
+#define TESK_SCAN_RECORDS_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -172,4 +170,4 @@ static_assert(offsetof(WifiMeasurementInfo, infoValue8_7) == 58, "wire offset");
 static_assert(offsetof(WifiMeasurementInfo, infoValue8_8) == 59, "wire offset");
 static_assert(offsetof(WifiMeasurementInfo, padding) == 60, "wire offset");
 
-#endif  // TESK_SCAN_SCAN_RECORDS_H_
+#endif  // TESK_SCAN_RECORDS_H_

@@ -1,8 +1,7 @@
 // The record delivered to a deauth monitor callback for each disconnect
 // event: one input buffer of exactly 16 bytes, host byte order, no padding.
-// Shared by the daemon, its clients and their tests.
-#ifndef TESK_DEAUTH_DEAUTH_EVENT_H_
-#define TESK_DEAUTH_DEAUTH_EVENT_H_
+#ifndef TESK_DEAUTH_EVENT_H_
+#define TESK_DEAUTH_EVENT_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -22,4 +21,4 @@ static_assert(offsetof(DeauthEvent, reason) == 8, "DeauthEvent layout");
 static_assert(offsetof(DeauthEvent, by_ap) == 12, "DeauthEvent layout");
 static_assert(std::is_trivially_copyable<DeauthEvent>::value, "DeauthEvent is copied as bytes");
 
-#endif  // TESK_DEAUTH_DEAUTH_EVENT_H_
+#endif  // TESK_DEAUTH_EVENT_H_

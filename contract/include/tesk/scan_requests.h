@@ -1,41 +1,18 @@
 // Wire records a client sends to the discovery and ranging scan objects and
 // the header it receives with discovery results. Plain data in the device's
-// byte order (little-endian), natural alignment, no packing attributes:
-// shared by the daemon, the client library and teskctl, so nothing here may
-// depend on the daemon.
-#ifndef TESK_SCAN_SCAN_REQUEST_RECORDS_H_
-#define TESK_SCAN_SCAN_REQUEST_RECORDS_H_
+// byte order (little-endian), natural alignment, no packing attributes.
+#ifndef TESK_SCAN_REQUESTS_H_
+#define TESK_SCAN_REQUESTS_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
-#include "service/object.h"
-
-// Counts words of the scan methods and of the result deliveries.
-constexpr uint32_t kDiscoveryScanCounts = OBJECT_COUNTS(4, 0, 1, 1);
-constexpr uint32_t kRangingScanCounts = OBJECT_COUNTS(2, 0, 1, 1);
-constexpr uint32_t kDiscoveryDeliveryCounts = OBJECT_COUNTS(4, 0, 0, 0);
-constexpr uint32_t kRangingDeliveryCounts = OBJECT_COUNTS(5, 0, 0, 0);
-
-// Ranging scan object ops.
-constexpr uint32_t kRangingOpSingle = OBJECT_OP_METHOD;
-constexpr uint32_t kRangingOpPeriodic = OBJECT_OP_METHOD2;
-
-// scanStatus sent when the daemon could not use the location service's answer.
-constexpr int32_t kScanStatusBadResponse = 5;
-
-// Values of DiscoveryScanParams::mode.
-constexpr uint32_t kDiscoveryModeFresh = 0;
-constexpr uint32_t kDiscoveryModeFresh1 = 1;
-constexpr uint32_t kDiscoveryModeCacheOnly = 2;
-constexpr uint32_t kDiscoveryModeCacheFallback = 3;
-
 // Buffer 0 of a discovery scan.
 struct DiscoveryScanParams {
   int64_t timeout;
   uint32_t scan_type;  // 0, or anything else for scan type 1
-  uint32_t mode;       // kDiscoveryMode*
+  uint32_t mode;       // kDiscoveryMode* of tesk/interfaces.h
   uint32_t age_filter;
   uint32_t fallback_param;  // cache fallback only
   uint32_t band;            // only without channels: 0, 1, anything else 2
@@ -141,4 +118,4 @@ static_assert(std::is_trivially_copyable_v<PeriodicRangingTarget>);
 
 static_assert(sizeof(RangingTimeValue) == 8);
 
-#endif  // TESK_SCAN_SCAN_REQUEST_RECORDS_H_
+#endif  // TESK_SCAN_REQUESTS_H_
