@@ -1,5 +1,9 @@
 #include "deauth/deauth_monitor.h"
 
+#include <memory>
+#include <utility>
+
+#include <tesk/counted_object.h>
 #include <tesk/deauth_event.h>
 #include <tesk/interfaces.h>
 
@@ -14,11 +18,11 @@ DeauthMonitor& DeauthMonitor::Get() {
 
 void DeauthMonitor::Listen(Object callback, Object* token_out) {
   std::lock_guard<std::mutex> lock(mutex);
-  MonitorToken* token = new MonitorToken();
+  auto token = std::make_unique<MonitorToken>();
   // The key is new, so this always inserts; an existing entry would be kept.
-  listeners.emplace(token, callback);
+  listeners.emplace(token.get(), callback);
   ObjectRetain(callback);  // owned by the map's entry
-  *token_out = Object{MonitorTokenInvoke, token};
+  *token_out = HandOutCounted(MonitorTokenInvoke, std::move(token));
 }
 
 void DeauthMonitor::Release(MonitorToken* token) {
@@ -46,18 +50,8 @@ void DeauthMonitor::OnDeauth(int wiphy, int ifindex, int reason, bool by_ap) {
 }
 
 int32_t MonitorTokenInvoke(void* context, uint32_t op, ObjectArg* /*args*/, uint32_t /*counts*/) {
-  auto* token = static_cast<DeauthMonitor::MonitorToken*>(context);
-  switch (op & OBJECT_OP_MASK) {
-    case OBJECT_OP_RETAIN:
-      token->ref_count.fetch_add(1);
-      return OBJECT_OK;
-    case OBJECT_OP_RELEASE:
-      if (token->ref_count.fetch_sub(1) == 1) {
-        DeauthMonitor::Get().Release(token);
-        delete token;
-      }
-      return OBJECT_OK;
-    default:
-      return OBJECT_ERROR_INVALID;  // the token has no method of its own
-  }
+  // The token has no method of its own.
+  return InvokeCounted<DeauthMonitor::MonitorToken>(
+      context, op, NoMethods{},
+      [](DeauthMonitor::MonitorToken& token) { DeauthMonitor::Get().Release(&token); });
 }

@@ -17,7 +17,7 @@ class DeauthMonitor : public DeauthDetector {
   // One registration. Its address is the key of the registration; the
   // client holds it as a token object with a reference count.
   struct MonitorToken {
-    std::atomic<uint32_t> ref_count{1};
+    std::atomic<uint32_t> refs{1};
   };
 
   // The singleton, created on first use and destroyed at process exit. Its

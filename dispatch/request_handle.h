@@ -10,8 +10,11 @@
 
 struct RequestHandle {
   uint32_t id;
-  std::atomic<uint32_t> refs;
+  std::atomic<uint32_t> refs{1};
 };
+
+// The handle object for request `id`, carrying one reference.
+Object MakeRequestHandle(uint32_t id);
 
 // The handle's invoke: retain and release only; any other op returns 2.
 int32_t Invoke(void* context, uint32_t op, ObjectArg* args, uint32_t counts);

@@ -48,7 +48,7 @@ int32_t VelaDispatcher::SendRequest(ky_loc_fw::VELARequest* request, ResponseCal
 
   pending.emplace(request->getRequestId(), PendingRequest{std::move(callback), remote});
   ObjectRetain(remote);
-  *handle_out = Object{Invoke, new RequestHandle{id, {1}}};
+  *handle_out = MakeRequestHandle(id);
   return 0;
 }
 

@@ -1,38 +1,36 @@
 #include "teskclient/callback_object.h"
 
 #include <atomic>
+#include <memory>
 #include <utility>
+
+#include <tesk/counted_object.h>
 
 namespace teskclient {
 namespace {
 
 struct CallbackRecord {
-  explicit CallbackRecord(DeliveryHandler h) : handler(std::move(h)) {}
   std::atomic<uint32_t> refs{1};
   DeliveryHandler handler;
 };
 
 int32_t CallbackInvoke(void* context, uint32_t op, ObjectArg* args, uint32_t counts) {
-  auto* record = static_cast<CallbackRecord*>(context);
-  switch (op & OBJECT_OP_MASK) {
-    case OBJECT_OP_METHOD:
-      if (record->handler) record->handler(args, counts);
-      return OBJECT_OK;
-    case OBJECT_OP_RETAIN:
-      record->refs.fetch_add(1);
-      return OBJECT_OK;
-    case OBJECT_OP_RELEASE:
-      if (record->refs.fetch_sub(1) == 1) delete record;
-      return OBJECT_OK;
-    default:
-      return OBJECT_ERROR_INVALID;
-  }
+  return InvokeCounted<CallbackRecord>(
+      context, op,
+      [args, counts](CallbackRecord& record, uint32_t method) {
+        if (method != OBJECT_OP_METHOD) return OBJECT_ERROR_INVALID;
+        if (record.handler) record.handler(args, counts);
+        return OBJECT_OK;
+      },
+      [](CallbackRecord& /*record*/) {});
 }
 
 }  // namespace
 
 Object MakeCallbackObject(DeliveryHandler handler) {
-  return Object{CallbackInvoke, new CallbackRecord(std::move(handler))};
+  auto record = std::make_unique<CallbackRecord>();
+  record->handler = std::move(handler);
+  return HandOutCounted(CallbackInvoke, std::move(record));
 }
 
 }  // namespace teskclient
