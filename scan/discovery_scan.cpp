@@ -2,23 +2,26 @@
 
 #include <cstddef>
 #include <cstring>
+#include <memory>
 
 #include <tesk/interfaces.h>
 #include <tesk/scan_records.h>
 #include <tesk/scan_requests.h>
 
-#include "dispatch/vela_dispatcher.h"
 #include "ky_loc_fw/log.h"
 #include "ky_loc_fw/vela_request.h"
 #include "ky_loc_fw/vela_response.h"
 #include "scan/marshal.h"
 #include "scan/object_buffers.h"
 #include "scan/response_data.h"
+#include "scan/result_delivery.h"
+#include "scan/scan_start.h"
 #include "scan/vector.h"
 
 using ky_loc_fw::VELAChannelInfo;
 using ky_loc_fw::VELADiscoveryScanRequest;
 using ky_loc_fw::VELADiscoveryScanResponse;
+using ky_loc_fw::VELAFullBeaconScanMeasurement;
 using ky_loc_fw::VELAMacAddress;
 using ky_loc_fw::VELAResponse;
 using ky_loc_fw::VELAScanMeasurement;
@@ -30,56 +33,39 @@ constexpr const char* kTag = "tesk";
 constexpr int kDiscoveryResponseType = VELAResponse::RESPONSE_TYPE_DISCOVERY_SCAN;
 constexpr int kFullBeaconType = VELAScanMeasurement::MEASUREMENT_TYPE_FULL_BEACON;
 
-void Deliver(Object callback, DiscoveryResponseHeader* header, const CommonResponseData* data) {
-  ObjectArg args[4];
-  args[0].b = ObjectBuf{header, sizeof *header};
-  if (data != nullptr) {
-    args[1].b = FlatBuffer(data->measurements);
-    args[2].b = FlatBuffer(data->infos);
-    args[3].b = FlatBuffer(data->bytes);
-  } else {
-    args[1].b = args[2].b = args[3].b = ObjectBuf{nullptr, 0};
-  }
-  ObjectCall(callback, OBJECT_OP_METHOD, args, kDiscoveryDeliveryCounts);
-}
-
 // The discovery response function: marshals the full beacons and makes one
 // delivery to the client's callback, which the dispatcher holds for us.
 void ResponseReceived(VELAResponse* response, Object callback) {
   if (response == nullptr || response->getResponseType() != kDiscoveryResponseType) {
     ky_loc_fw::log_warning(kTag, "DiscoveryScan: Bad response received\n");
-    DiscoveryResponseHeader header{0, 0, kScanStatusBadResponse};
-    Deliver(callback, &header, nullptr);
+    DeliverDiscovery(callback, DiscoveryResponseHeader{0, 0, kScanStatusBadResponse}, nullptr);
     return;
   }
   auto* discovery = static_cast<VELADiscoveryScanResponse*>(response);
-  const uint32_t count = discovery->measurements.getCount();
   ky_loc_fw::log_debug(kTag, "DiscoveryScan: ResponseReceived Id = %d\n",
                        static_cast<int>(response->getRequestId()));
   ky_loc_fw::log_debug(kTag, "DiscoveryScan: scanStatus %d, %zu measurements\n",
-                       discovery->scanStatus, static_cast<size_t>(count));
+                       discovery->scanStatus,
+                       static_cast<size_t>(discovery->measurements.getCount()));
 
   CommonResponseData data;
-  VELAScanMeasurement* const* measurements = discovery->measurements.getData();
-  for (uint32_t i = 0; i < count; ++i) {
-    const VELAScanMeasurement* m = measurements[i];
-    // The library allows null entries; there is nothing to ask them.
-    if (m == nullptr) continue;
-    const int type = m->getMeasurementType();
+  ForEachMeasurement(discovery->measurements, [&data](const VELAScanMeasurement* m, int type) {
     if (type == kFullBeaconType) {
-      MarshalFullBeacon(data, static_cast<const ky_loc_fw::VELAFullBeaconScanMeasurement*>(m));
+      MarshalFullBeacon(data, static_cast<const VELAFullBeaconScanMeasurement*>(m));
     } else {
       ky_loc_fw::log_warning(kTag, "DiscoveryScan: Unexpected measurement type %d\n", type);
     }
-  }
+  });
 
   DiscoveryResponseHeader header;
   header.response_value = discovery->scanTimestamp;
   header.response_word = discovery->scanSource;
   header.scanStatus = discovery->scanStatus;
-  Deliver(callback, &header, &data);
+  DeliverDiscovery(callback, header, &data);
 }
 
+// The request the parameters ask for, from the library's factory (a new
+// object for the caller to own), or null for an unknown mode.
 VELADiscoveryScanRequest* BuildRequest(uint32_t id, const DiscoveryScanParams& params,
                                        ky_loc_fw::vector<VELAChannelInfo>& channels) {
   const auto scan_type = static_cast<VELADiscoveryScanRequest::eScanType>(params.scan_type != 0);
@@ -158,43 +144,32 @@ int32_t discovery_scan_invoke(void* /*context*/, uint32_t op, ObjectArg* args, u
            args[0].b.size < sizeof params ? static_cast<size_t>(args[0].b.size) : sizeof params);
   }
 
+  // Destroyed in the reverse order: BSSIDs, SSIDs, channels.
   ky_loc_fw::vector<VELAChannelInfo> channels;
   ky_loc_fw::vector<VELASsid> ssids;
   ky_loc_fw::vector<VELAMacAddress> bssids;
-
-  // Trailing partial records are ignored; failed appends are logged by the
-  // array and the element is simply missing.
-  for (uint64_t i = 0; i < args[1].b.size / sizeof(uint32_t); ++i) {
-    const VELAChannelInfo channel(ReadRecord<uint32_t>(args[1].b, i));
-    channels.push_back(channel);
-  }
-  for (uint64_t i = 0; i < args[2].b.size / sizeof(WifiSsid); ++i) {
-    const WifiSsid record = ReadRecord<WifiSsid>(args[2].b, i);
+  DecodeRecords<uint32_t>(args[1].b, channels,
+                          [](uint32_t value) { return VELAChannelInfo(value); });
+  DecodeRecords<WifiSsid>(args[2].b, ssids, [](const WifiSsid& record) {
     VELASsid ssid;
-    const int length = record.length < 32 ? record.length : 32;
-    ssid.setSSID(record.ssid, length);
-    ssids.push_back(ssid);
-  }
-  for (uint64_t i = 0; i < args[3].b.size / sizeof(WifiMacAddress); ++i) {
-    const WifiMacAddress record = ReadRecord<WifiMacAddress>(args[3].b, i);
+    ssid.setSSID(record.ssid, record.length < 32 ? record.length : 32);
+    return ssid;
+  });
+  DecodeRecords<WifiMacAddress>(args[3].b, bssids, [](const WifiMacAddress& record) {
     VELAMacAddress bssid;
     bssid.setMac(static_cast<int>(record.hi24), static_cast<int>(record.lo24));
-    bssids.push_back(bssid);
-  }
+    return bssid;
+  });
 
   // The id is drawn before the mode is checked: a refused request uses one up.
-  VelaDispatcher& dispatcher = VelaDispatcher::Get();
-  const uint32_t id = ++dispatcher.next_request_id;
-
-  int32_t result = OBJECT_ERROR_NOT_STARTED;
-  VELADiscoveryScanRequest* request = BuildRequest(id, params, channels);
+  std::unique_ptr<VELADiscoveryScanRequest> request(
+      BuildRequest(NextRequestId(), params, channels));
   if (request != nullptr) {
     if (ssids.getCount() != 0) request->ssidFilter = ssids;
     if (bssids.getCount() != 0) request->bssidFilter = bssids;
-    const int sent = dispatcher.SendRequest(request, ResponseReceived, args[4].o, &args[5].o);
-    result = sent == 0 ? OBJECT_OK : OBJECT_ERROR_NOT_STARTED;
-    delete request;
   }
+  const int32_t result = StartScan(request.get(), ResponseReceived, args[4].o, &args[5].o);
+  request.reset();
   ky_loc_fw::log_debug(kTag, "DiscoveryScan: StartScan returning %d\n", result);
   return result;
 }

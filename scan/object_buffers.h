@@ -18,6 +18,16 @@ T ReadRecord(const ObjectBuf& buf, uint64_t index) {
   return record;
 }
 
+// Appends convert(record) to `out` for each whole record of `buf`, in order;
+// a trailing partial record is ignored. A failed append is logged by the
+// array and that element is simply missing.
+template <typename Record, typename T, typename Convert>
+void DecodeRecords(const ObjectBuf& buf, ky_loc_fw::vector<T>& out, Convert&& convert) {
+  for (uint64_t i = 0; i < buf.size / sizeof(Record); ++i) {
+    out.push_back(convert(ReadRecord<Record>(buf, i)));
+  }
+}
+
 // A whole array as one delivery buffer, used in place; an empty array goes
 // out as {null, 0}.
 template <typename T>

@@ -2,12 +2,12 @@
 
 #include <cstddef>
 #include <cstring>
+#include <memory>
 
 #include <tesk/interfaces.h>
 #include <tesk/scan_records.h>
 #include <tesk/scan_requests.h>
 
-#include "dispatch/vela_dispatcher.h"
 #include "ky_loc_fw/log.h"
 #include "ky_loc_fw/vela_node_info.h"
 #include "ky_loc_fw/vela_request.h"
@@ -15,10 +15,15 @@
 #include "scan/marshal.h"
 #include "scan/object_buffers.h"
 #include "scan/response_data.h"
+#include "scan/result_delivery.h"
+#include "scan/scan_start.h"
 #include "scan/vector.h"
 
 using ky_loc_fw::VELANodeInfo;
 using ky_loc_fw::VELAPeriodicNodeInfo;
+using ky_loc_fw::VELAPeriodicRangingScanRequest;
+using ky_loc_fw::VELARangingScanMeasurement;
+using ky_loc_fw::VELARangingScanRequest;
 using ky_loc_fw::VELARangingScanResponse;
 using ky_loc_fw::VELAResponse;
 using ky_loc_fw::VELAScanMeasurement;
@@ -28,53 +33,31 @@ namespace {
 constexpr const char* kTag = "tesk";
 constexpr int kRangingResponseType = VELAResponse::RESPONSE_TYPE_RANGING_SCAN;
 
-void Deliver(Object callback, uint32_t* status, const RangingData* data) {
-  ObjectArg args[5];
-  args[0].b = ObjectBuf{status, sizeof *status};
-  if (data != nullptr) {
-    args[1].b = FlatBuffer(data->measurements);
-    args[2].b = FlatBuffer(data->infos);
-    args[3].b = FlatBuffer(data->bytes);
-    args[4].b = FlatBuffer(data->macs);
-  } else {
-    args[1].b = args[2].b = args[3].b = args[4].b = ObjectBuf{nullptr, 0};
-  }
-  ObjectCall(callback, OBJECT_OP_METHOD, args, kRangingDeliveryCounts);
-}
-
 // The ranging response function: marshals plain and ranging measurements
 // and makes one delivery to the client's callback.
 void ResponseReceived(VELAResponse* response, Object callback) {
   if (response == nullptr || response->getResponseType() != kRangingResponseType) {
     ky_loc_fw::log_warning(kTag, "RangingScan: Bad response received\n");
-    uint32_t status = kScanStatusBadResponse;
-    Deliver(callback, &status, nullptr);
+    DeliverRanging(callback, kScanStatusBadResponse, nullptr);
     return;
   }
   auto* ranging = static_cast<VELARangingScanResponse*>(response);
-  const uint32_t count = ranging->measurements.getCount();
   ky_loc_fw::log_debug(kTag, "RangingScan: ResponseReceived Request Id = %d, %d measurements\n",
-                       static_cast<int>(response->getRequestId()), static_cast<int>(count));
+                       static_cast<int>(response->getRequestId()),
+                       static_cast<int>(ranging->measurements.getCount()));
 
   RangingData data;
-  VELAScanMeasurement* const* measurements = ranging->measurements.getData();
-  for (uint32_t i = 0; i < count; ++i) {
-    const VELAScanMeasurement* m = measurements[i];
-    // The library allows null entries; there is nothing to ask them.
-    if (m == nullptr) continue;
-    const int type = m->getMeasurementType();
+  // Full beacons are unexpected here too: they belong to discovery results.
+  ForEachMeasurement(ranging->measurements, [&data](const VELAScanMeasurement* m, int type) {
     if (type == VELAScanMeasurement::MEASUREMENT_TYPE_SCAN) {
       MarshalCommon(data, m);
     } else if (type == VELAScanMeasurement::MEASUREMENT_TYPE_RANGING) {
-      MarshalRanging(data, static_cast<const ky_loc_fw::VELARangingScanMeasurement*>(m));
+      MarshalRanging(data, static_cast<const VELARangingScanMeasurement*>(m));
     } else {
-      // Full beacons too: they belong to discovery results only.
       ky_loc_fw::log_warning(kTag, "RangingScan: Unexpected measurement type %d\n", type);
     }
-  }
-
-  uint32_t status = static_cast<uint32_t>(ranging->scanStatus);
-  Deliver(callback, &status, &data);
+  });
+  DeliverRanging(callback, static_cast<uint32_t>(ranging->scanStatus), &data);
 }
 
 // Out-of-range values are not refused but replaced; the fallbacks differ on
@@ -98,45 +81,40 @@ void FillNode(const RangingTarget& record, VELANodeInfo* node) {
   node->nodeValue4 = record.nodeValue4;
 }
 
-int32_t Fold(int32_t sent) {
-  return sent == 0 ? OBJECT_OK : OBJECT_ERROR_NOT_STARTED;
+VELANodeInfo SingleNode(const RangingTarget& record) {
+  VELANodeInfo node;
+  FillNode(record, &node);
+  return node;
+}
+
+VELAPeriodicNodeInfo PeriodicNode(const PeriodicRangingTarget& record) {
+  VELAPeriodicNodeInfo node;
+  FillNode(record.node, &node);
+  node.periodicByte = record.periodicByte;
+  node.periodicValue1 = record.periodicValue1;
+  node.periodicValue2 = record.periodicValue2;
+  return node;
 }
 
 int32_t StartRangingScan(ObjectArg* args, long ts) {
   ky_loc_fw::vector<VELANodeInfo> nodes;
-  for (uint64_t i = 0; i < args[0].b.size / sizeof(RangingTarget); ++i) {
-    VELANodeInfo node;
-    FillNode(ReadRecord<RangingTarget>(args[0].b, i), &node);
-    nodes.push_back(node);
-  }
-  VelaDispatcher& dispatcher = VelaDispatcher::Get();
-  const uint32_t id = ++dispatcher.next_request_id;
-  auto* request = new ky_loc_fw::VELARangingScanRequest(id, nodes, ts);
-  const int32_t result =
-      Fold(dispatcher.SendRequest(request, ResponseReceived, args[2].o, &args[3].o));
+  DecodeRecords<RangingTarget>(args[0].b, nodes, SingleNode);
+  auto request = std::make_unique<VELARangingScanRequest>(NextRequestId(), nodes, ts);
+  const int32_t result = StartScan(request.get(), ResponseReceived, args[2].o, &args[3].o);
+  // The single scan logs while its request still exists, the periodic one
+  // after deleting it; both orders are kept as they are.
   ky_loc_fw::log_debug(kTag, "RangingScan: StartRangingScan ID %d ts %ld returning %d\n",
                        static_cast<int>(request->getRequestId()), ts, result);
-  delete request;
+  request.reset();
   return result;
 }
 
 int32_t StartPeriodicRangingScan(ObjectArg* args, long ts) {
   ky_loc_fw::vector<VELAPeriodicNodeInfo> nodes;
-  for (uint64_t i = 0; i < args[0].b.size / sizeof(PeriodicRangingTarget); ++i) {
-    const PeriodicRangingTarget record = ReadRecord<PeriodicRangingTarget>(args[0].b, i);
-    VELAPeriodicNodeInfo node;
-    FillNode(record.node, &node);
-    node.periodicByte = record.periodicByte;
-    node.periodicValue1 = record.periodicValue1;
-    node.periodicValue2 = record.periodicValue2;
-    nodes.push_back(node);
-  }
-  VelaDispatcher& dispatcher = VelaDispatcher::Get();
-  const uint32_t id = ++dispatcher.next_request_id;
-  auto* request = new ky_loc_fw::VELAPeriodicRangingScanRequest(id, nodes, ts);
-  const int32_t result =
-      Fold(dispatcher.SendRequest(request, ResponseReceived, args[2].o, &args[3].o));
-  delete request;
+  DecodeRecords<PeriodicRangingTarget>(args[0].b, nodes, PeriodicNode);
+  auto request = std::make_unique<VELAPeriodicRangingScanRequest>(NextRequestId(), nodes, ts);
+  const int32_t result = StartScan(request.get(), ResponseReceived, args[2].o, &args[3].o);
+  request.reset();
   ky_loc_fw::log_debug(kTag, "RangingScan: StartPeriodicRangingScan returning %d\n", result);
   return result;
 }
