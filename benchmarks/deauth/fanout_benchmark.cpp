@@ -15,8 +15,10 @@
 #include <string>
 #include <vector>
 
+#include <tesk/deauth_event.h>
+#include <tesk/interfaces.h>
+
 #include "benchmarks/support/bench_support.h"
-#include "deauth/deauth_event.h"
 #include "deauth/deauth_monitor.h"
 #include "service/root_object.h"
 #include "tarnsocket/tarn_ipc.h"
@@ -47,7 +49,7 @@ constexpr size_t kAnswer = 4;
   Object root = kNullObject, monitor = kNullObject;
   byte = 0;
   if (teskclient::Connect(path, &root) == 0 &&
-      teskclient::OpenService(root, teskclient::kDeauthMonitorInterface, &monitor) == OBJECT_OK) {
+      teskclient::OpenService(root, kInterfaceDeauthMonitor, &monitor) == OBJECT_OK) {
     static std::atomic<long> events{0};
     Object callback = teskclient::MakeCallbackObject(
         [](const ObjectArg* args, uint32_t) {
@@ -56,7 +58,7 @@ constexpr size_t kAnswer = 4;
     ObjectArg args[2];
     args[0].o = callback;
     args[1].o = kNullObject;
-    if (monitor.invoke(monitor.context, OBJECT_OP_METHOD, args, OBJECT_COUNTS(0, 0, 1, 1)) ==
+    if (monitor.invoke(monitor.context, OBJECT_OP_METHOD, args, kDeauthRegisterCounts) ==
         OBJECT_OK) {
       byte = 1;
     }

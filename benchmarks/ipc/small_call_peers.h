@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <string>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 namespace bench {
 

@@ -2,8 +2,9 @@
 
 #include <chrono>
 
+#include <tesk/scan_records.h>
+
 #include "benchmarks/support/bench_support.h"
-#include "scan/scan_records.h"
 #include "teskclient/callback_object.h"
 #include "teskclient/session.h"
 
@@ -20,7 +21,7 @@ ScanClient::ScanClient(const std::string& socket_path) {
   Object root = kNullObject;
   if (teskclient::Connect(socket_path, &root) != 0) return;
   Object service = kNullObject;
-  if (teskclient::OpenService(root, teskclient::kDiscoveryScanInterface, &service) == OBJECT_OK) {
+  if (teskclient::OpenService(root, kInterfaceDiscoveryScan, &service) == OBJECT_OK) {
     service_ = service;
   }
   ObjectRelease(root);

@@ -9,7 +9,8 @@
 #include <mutex>
 #include <string>
 
-#include "service/object.h"
+#include <tesk/object.h>
+
 #include "teskclient/request_encoding.h"
 
 namespace bench {

@@ -12,9 +12,10 @@
 #include <string>
 #include <vector>
 
+#include <tesk/object.h>
+
 #include "ky_loc_fw/log_capture.h"
 #include "ky_loc_fw/vela_test_control.h"
-#include "service/object.h"
 
 namespace fuzz_support {
 

@@ -274,7 +274,7 @@ TEST(DeviceFiles, DaemonServesOnTheSocketTheRcDeclares) {
   }
   Object scan = kNullObject;
   const int32_t opened =
-      connected == 0 ? teskclient::OpenService(root, teskclient::kDiscoveryScanInterface, &scan)
+      connected == 0 ? teskclient::OpenService(root, kInterfaceDiscoveryScan, &scan)
                      : -1;
   if (opened == OBJECT_OK) ObjectRelease(scan);
   if (connected == 0) ObjectRelease(root);
