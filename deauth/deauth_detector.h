@@ -3,13 +3,20 @@
 #ifndef TESK_DEAUTH_DEAUTH_DETECTOR_H_
 #define TESK_DEAUTH_DEAUTH_DETECTOR_H_
 
-#include <sys/types.h>
-
-#include <cstddef>
 #include <cstdint>
 #include <thread>
 
 #include "deauth/genl_message.h"
+
+// How the detector reaches the kernel: opening the generic netlink socket
+// and joining a multicast group on it. Tests put a socket pair in its place.
+struct NetlinkAccess {
+  int (*open_socket)();                       // a descriptor, or -1 with errno set
+  int (*join_group)(int fd, uint32_t group);  // 0, or nonzero with errno set
+};
+
+// socket(AF_NETLINK, SOCK_RAW, NETLINK_GENERIC) and NETLINK_ADD_MEMBERSHIP.
+extern const NetlinkAccess kKernelNetlink;
 
 class DeauthDetector {
  public:
@@ -26,7 +33,8 @@ class DeauthDetector {
   // Opens the netlink socket, resolves nl80211 and its "mlme" group, joins
   // the group and starts the listener thread. True when listening (also when
   // already listening); on false the socket is closed again.
-  bool Initialize();
+  bool Initialize() { return Initialize(kKernelNetlink); }
+  bool Initialize(const NetlinkAccess& netlink);
 
   // Resolves family_id and mlme_group_id through the generic netlink
   // controller; true only when both were found.
@@ -39,19 +47,12 @@ class DeauthDetector {
   // Reads one disconnect event's attributes and calls OnDeauth.
   void ParseDisconnect(AttrParser& parser);
 
-  // Test seam: listens on fd (taken over, closed by the destructor) as if it
-  // were the joined netlink socket of family, without any lookup.
-  bool StartListenerForTesting(int fd, uint16_t family);
+  // Writes the stop byte and waits for the listener thread to end; the
+  // destructor does this first. A derived class whose OnDeauth uses its own
+  // members calls it before they go.
+  void Stop();
 
- protected:
-  // QueryMlmeInfo for any family and multicast group: one GETFAMILY request
-  // on socket_fd and its reply. The group's id goes to mlme_group_id.
-  bool QueryFamilyGroup(const char* family_name, const char* group_name);
-
-  // Walks the first message of one controller reply datagram of n bytes.
-  void ReadFamilyReply(const uint8_t* reply, size_t n, const char* group_name, bool& found_family,
-                       bool& found_group);
-
+ private:
   // Handles one received datagram of n bytes.
   void HandleDatagram(const uint8_t* datagram, size_t n);
 
@@ -60,10 +61,6 @@ class DeauthDetector {
   uint16_t family_id = 0xFFFF;
   uint32_t mlme_group_id = 0xFFFFFFFF;
   std::thread listener_thread;
-
- private:
-  // Finds group_name in a CTRL_ATTR_MCAST_GROUPS attribute and stores its id.
-  bool FindGroup(const nlattr* groups_attr, const char* group_name);
 };
 
 #endif  // TESK_DEAUTH_DEAUTH_DETECTOR_H_

@@ -6,10 +6,13 @@
 
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
+#include <linux/nl80211.h>
 #include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 
 // The controller numbers come from the kernel's uapi headers; they are ABI
 // and must never change, which these checks pin down.
@@ -21,17 +24,26 @@ static_assert(CTRL_ATTR_FAMILY_ID == 1 && CTRL_ATTR_FAMILY_NAME == 2 &&
                   CTRL_ATTR_MCAST_GRP_ID == 2,
               "genl controller ABI");
 
-// The kernel's nl80211 ABI values (from linux/nl80211.h, which is not copied here).
-constexpr uint8_t NL80211_CMD_DISCONNECT = 48;
-constexpr uint16_t NL80211_ATTR_WIPHY = 1;
-constexpr uint16_t NL80211_ATTR_IFINDEX = 3;
-constexpr uint16_t NL80211_ATTR_REASON_CODE = 54;
-constexpr uint16_t NL80211_ATTR_DISCONNECTED_BY_AP = 71;
+static_assert(NL80211_CMD_DISCONNECT == 48 && NL80211_ATTR_WIPHY == 1 &&
+                  NL80211_ATTR_IFINDEX == 3 && NL80211_ATTR_REASON_CODE == 54 &&
+                  NL80211_ATTR_DISCONNECTED_BY_AP == 71,
+              "nl80211 ABI");
 
 // Bytes of a netlink header and of the generic netlink header behind it.
 constexpr size_t kNlmsgHeaderSize = 16;
 constexpr size_t kGenlHeaderSize = 4;
 constexpr size_t kNlattrHeaderSize = 4;
+
+// The controller reply and every event are received into a malloc'd buffer
+// of this size; nl80211's disconnect events are far smaller.
+constexpr size_t kNetlinkBufferSize = 4096;
+struct FreeDeleter {
+  void operator()(void* p) const { free(p); }
+};
+using NetlinkBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
+inline NetlinkBuffer AllocateNetlinkBuffer() {
+  return NetlinkBuffer(static_cast<uint8_t*>(malloc(kNetlinkBufferSize)));
+}
 
 // Writes cmd and version behind the 16-byte netlink header of msg, whose
 // buffer holds size bytes. 0, or -1 when there is no room.
@@ -46,6 +58,18 @@ bool ReadAttribute(const nlattr* attr, void* out, size_t size);
 
 // Whether the payload holds a NUL-terminated string.
 bool CheckStringAttr(const nlattr* attr);
+
+// The netlink header at the start of a received datagram.
+inline const nlmsghdr* NetlinkHeader(const uint8_t* datagram) {
+  return static_cast<const nlmsghdr*>(static_cast<const void*>(datagram));
+}
+
+// Netlink's own sanity check of a datagram's first message: a whole header,
+// and an nlmsg_len neither below it nor beyond the datagram.
+inline bool BadNetlinkLength(const uint8_t* datagram, size_t n) {
+  return n < kNlmsgHeaderSize || NetlinkHeader(datagram)->nlmsg_len < kNlmsgHeaderSize ||
+         NetlinkHeader(datagram)->nlmsg_len > n;
+}
 
 // The attribute starting at byte offset of a message buffer. Netlink keeps
 // attributes 4-aligned, so the cast is sound for every offset we use.

@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev llvm
           libgtest-dev libgmock-dev googletest libbenchmark-dev
-          strace blueprint-tools)
+          linux-libc-dev strace blueprint-tools)
 
 missing=()
 for p in "${packages[@]}"; do

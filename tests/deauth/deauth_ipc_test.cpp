@@ -61,8 +61,12 @@ TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
   // The monitor is a process-wide singleton: its detector listens once, on
   // a pair that stands in for the kernel's nl80211 socket.
   static deauth_test::DatagramPair kernel;
-  static const bool listening =
-      DeauthMonitor::Get().StartListenerForTesting(kernel.TakeFirst(), deauth_test::kNl80211Family);
+  static const bool listening = [] {
+    using deauth_test::Group;
+    kernel.Send(deauth_test::FamilyReply({Group("mlme", 8)}));
+    deauth_test::FakeNetlink::socket = kernel.TakeFirst();
+    return DeauthMonitor::Get().Initialize(deauth_test::FakeNetlink::kAccess);
+  }();
   ASSERT_TRUE(listening);
 
   FakeCallback callback;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <ostream>
@@ -18,6 +19,7 @@
 #include <tesk/interfaces.h>
 #include <tesk/object.h>
 
+#include "deauth/deauth_detector.h"
 #include "deauth/genl_message.h"
 #include "ky_loc_fw/log_capture.h"
 
@@ -73,6 +75,30 @@ inline KernelMessage DisconnectEvent(uint32_t wiphy, uint32_t ifindex, uint16_t 
   return m;
 }
 
+// The first n bytes of datagram, with nlmsg_len n.
+inline std::vector<uint8_t> Cut(std::vector<uint8_t> datagram, uint32_t n) {
+  datagram.resize(n);
+  memcpy(datagram.data(), &n, 4);
+  return datagram;
+}
+
+// One multicast group entry of a controller reply.
+inline KernelMessage Group(const char* name, uint32_t id) {
+  KernelMessage entry;
+  entry.PutU32(CTRL_ATTR_MCAST_GRP_ID, id).Put(CTRL_ATTR_MCAST_GRP_NAME, name, strlen(name) + 1);
+  return entry;
+}
+
+// nl80211's family id and groups, each entry nested under its index.
+inline std::vector<uint8_t> FamilyReply(const std::vector<KernelMessage>& entries) {
+  KernelMessage groups;
+  uint16_t index = 0;
+  for (const KernelMessage& entry : entries) groups.PutNested(++index, entry);
+  KernelMessage m(GENL_ID_CTRL, CTRL_CMD_NEWFAMILY, 2);
+  m.PutU16(CTRL_ATTR_FAMILY_ID, kNl80211Family).Put(CTRL_ATTR_FAMILY_NAME, "nl80211", 8);
+  return m.PutNested(CTRL_ATTR_MCAST_GROUPS, groups).Bytes();
+}
+
 // A connected datagram pair: [0] for the side under test, [1] for the test.
 struct DatagramPair {
   explicit DatagramPair(int flags = 0) {
@@ -87,6 +113,22 @@ struct DatagramPair {
            static_cast<ssize_t>(datagram.size());
   }
   int fds[2] = {-1, -1};
+};
+
+// The kernel as the detector reaches it, faked: Initialize opens `socket`
+// and joining a group records it and answers `join_result` (errno EPERM).
+struct FakeNetlink {
+  static inline int socket = -1;
+  static inline int join_result = 0;
+  static inline uint32_t joined = 0;
+  static constexpr NetlinkAccess kAccess = {
+      [] { return socket; },
+      [](int /*fd*/, uint32_t group) {
+        joined = group;
+        errno = EPERM;
+        return join_result;
+      },
+  };
 };
 
 // Every line logged with the tag "tesk" while alive, as "<letter> <text>".
