@@ -127,7 +127,7 @@ int32_t StartScan(Client& client, uint32_t interface, int delay_ms, CountingCall
   *callback = &client.NewCallback(delay_ms);
   *handle = kNullObject;
   int32_t result;
-  if (interface == teskclient::kDiscoveryScanInterface) {
+  if (interface == kInterfaceDiscoveryScan) {
     result = teskclient::StartDiscoveryScan(client.service(), RandomDiscoveryScan(client.random()),
                                             (*callback)->object(), handle);
   } else {
@@ -184,13 +184,13 @@ int32_t Register(Client& client, Object* token) {
   args[1].o = kNullObject;
   const Object monitor = client.service();
   const int32_t result =
-      monitor.invoke(monitor.context, OBJECT_OP_METHOD, args, OBJECT_COUNTS(0, 0, 1, 1));
+      monitor.invoke(monitor.context, OBJECT_OP_METHOD, args, kDeauthRegisterCounts);
   *token = args[1].o;
   return result;
 }
 
 int Deauth(const RoleOptions& options) {
-  Client client(options, teskclient::kDeauthMonitorInterface);
+  Client client(options, kInterfaceDeauthMonitor);
   while (client.TimeLeft()) {
     if (!client.Open()) {
       std::this_thread::sleep_for(milliseconds(50));
@@ -218,8 +218,8 @@ int Deauth(const RoleOptions& options) {
 }
 
 int KillMidScan(const RoleOptions& options) {
-  const uint32_t interface = options.seed % 2 == 0 ? teskclient::kDiscoveryScanInterface
-                                                   : teskclient::kRangingScanInterface;
+  const uint32_t interface = options.seed % 2 == 0 ? kInterfaceDiscoveryScan
+                                                   : kInterfaceRangingScan;
   Client client(options, interface);
   if (!client.Open()) return 0;
   const int scans = 1 + static_cast<int>(client.random()() % 4);
@@ -232,7 +232,7 @@ int KillMidScan(const RoleOptions& options) {
 }
 
 int KillMidRegistration(const RoleOptions& options) {
-  Client client(options, teskclient::kDeauthMonitorInterface);
+  Client client(options, kInterfaceDeauthMonitor);
   if (!client.Open()) return 0;
   std::thread registering([&client] {
     for (;;) {
@@ -249,7 +249,7 @@ int Deaf(const RoleOptions& options) {
   Client client(options, 0);
   const int fd = RawConnect(options.socket_path);
   const uint32_t service =
-      fd >= 0 ? RawOpenService(fd, teskclient::kRangingScanInterface) : 0;
+      fd >= 0 ? RawOpenService(fd, kInterfaceRangingScan) : 0;
   if (service != 0 && RawStartRanging(fd, service, 5000)) ++client.tally().started;
   const double idle = options.seconds < 8 ? options.seconds : 8;
   std::this_thread::sleep_for(milliseconds(static_cast<int64_t>(idle * 1000)));
@@ -282,7 +282,7 @@ int Malformed(const RoleOptions& options) {
 // Ranging scans of 100,000 targets, one after the other: megabytes of
 // request and tens of megabytes of result each time.
 int HugeRanging(const RoleOptions& options) {
-  Client client(options, teskclient::kRangingScanInterface);
+  Client client(options, kInterfaceRangingScan);
   const teskclient::EncodedRangingScan request = RangingScan(100000, false);
   while (client.TimeLeft()) {
     if (!client.Open()) {
@@ -326,27 +326,25 @@ const std::vector<std::string>& RoleNames() {
 }
 
 int RunRole(const std::string& name, const RoleOptions& options) {
-  using teskclient::kDiscoveryScanInterface;
-  using teskclient::kRangingScanInterface;
-  if (name == "scan") return ScanLoop(name, options, kDiscoveryScanInterface, NoDelay, true);
-  if (name == "range") return ScanLoop(name, options, kRangingScanInterface, NoDelay, true);
+  if (name == "scan") return ScanLoop(name, options, kInterfaceDiscoveryScan, NoDelay, true);
+  if (name == "range") return ScanLoop(name, options, kInterfaceRangingScan, NoDelay, true);
   if (name == "early") {
     return ScanLoop(name, options,
-                    options.seed % 2 ? kDiscoveryScanInterface : kRangingScanInterface, NoDelay,
+                    options.seed % 2 ? kInterfaceDiscoveryScan : kInterfaceRangingScan, NoDelay,
                     false);
   }
   if (name == "slow") {
     return ScanLoop(
-        name, options, kDiscoveryScanInterface,
+        name, options, kInterfaceDiscoveryScan,
         [](std::minstd_rand& random) { return 1500 + static_cast<int>(random() % 2500); }, true);
   }
   if (name == "late") {
-    return ScanLoop(name, options, kDiscoveryScanInterface,
+    return ScanLoop(name, options, kInterfaceDiscoveryScan,
                     [](std::minstd_rand&) { return 3500; }, true);
   }
   if (name == "huge-range") return HugeRanging(options);
   if (name == "silent") {
-    return ScanLoop(name, options, kDiscoveryScanInterface,
+    return ScanLoop(name, options, kInterfaceDiscoveryScan,
                     [](std::minstd_rand&) { return -1; }, true);
   }
   if (name == "deauth") return Deauth(options);

@@ -9,7 +9,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "service/object.h"
+#include <tesk/object.h>
 
 namespace tesk_soak {
 

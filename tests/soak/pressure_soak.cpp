@@ -14,8 +14,9 @@
 #include <thread>
 #include <vector>
 
+#include <tesk/object.h>
+
 #include "frame.h"
-#include "service/object.h"
 #include "tests/soak/raw_peer.h"
 #include "tests/soak/soak_support.h"
 #include "tests/support/temp_dir.h"

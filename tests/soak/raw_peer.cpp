@@ -8,8 +8,9 @@
 
 #include <cstring>
 
+#include <tesk/object.h>
+
 #include "frame.h"
-#include "service/object.h"
 #include "tests/soak/scan_plans.h"
 
 namespace tesk_soak {
