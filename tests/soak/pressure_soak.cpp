@@ -181,14 +181,16 @@ int RunPressureSoak(const PressureOptions& options) {
   {
     SlowSenders slow(path, options.slow_senders);
     MemoryPinners pinners(path, options.pinning_connections);
-    const char* kinds[] = {"late", "silent", "deaf"};
     RoleOptions role{path, 0, 600, dir.Join("reports")};
     for (int i = 0; i < options.callback_clients; ++i) {
       role.seed = static_cast<unsigned>(i + 1);
-      clients.push_back(StartClient(kinds[i % 3], role));
+      const auto& kinds = options.callback_kinds;
+      clients.push_back(StartClient(kinds[static_cast<size_t>(i) % kinds.size()], role));
     }
-    role.seed = 1000;
-    clients.push_back(StartClient("huge-range", role));
+    for (int i = 0; i < options.huge_ranging_clients; ++i) {
+      role.seed = static_cast<unsigned>(1000 + i);
+      clients.push_back(StartClient("huge-range", role));
+    }
     // Let every attacker reach the point where it hurts: silent and late
     // callbacks waited on, deaf results stuck, the big calls in flight.
     std::this_thread::sleep_for(std::chrono::seconds(5));
@@ -213,8 +215,9 @@ int RunPressureSoak(const PressureOptions& options) {
   KeepLog(daemon);
   const long allowed_ms = 2 * (normal.max_ms + options.bound_ms);
   printf("pressure soak: %d slow senders, %d callback clients (late, silent, not reading), "
-         "%d connections of 16 MiB calls, one client of 100,000-target ranging scans\n",
-         options.slow_senders, options.callback_clients, options.pinning_connections);
+         "%d connections of 16 MiB calls, %d clients of 100,000-target ranging scans\n",
+         options.slow_senders, options.callback_clients, options.pinning_connections,
+         options.huge_ranging_clients);
   printf("  teskctl scan alone:        median %ld ms, max %ld ms, %d failed\n", normal.median_ms,
          normal.max_ms, normal.failed);
   printf("  teskctl scan under attack: median %ld ms, max %ld ms, %d failed "

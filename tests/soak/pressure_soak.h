@@ -7,12 +7,17 @@
 #ifndef TESK_TESTS_SOAK_PRESSURE_SOAK_H_
 #define TESK_TESTS_SOAK_PRESSURE_SOAK_H_
 
+#include <string>
+#include <vector>
+
 namespace tesk_soak {
 
 struct PressureOptions {
   int slow_senders = 1000;
-  int callback_clients = 50;  // a third each late, silent and not reading
+  int callback_clients = 50;  // handed the kinds below in turn
+  std::vector<std::string> callback_kinds = {"late", "silent", "deaf"};
   int pinning_connections = 8;  // each sends 16 MiB calls
+  int huge_ranging_clients = 1;  // each runs 100,000-target ranging scans
   long bound_ms = 250;        // the delay a slow peer may cost others
 };
 

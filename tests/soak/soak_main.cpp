@@ -1,6 +1,8 @@
 // tesk_soak: runs the daemon and many client processes against it.
 //   tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]
-//   tesk_soak pressure [--slow-senders N] [--callback-clients N] [--bound-ms N]
+//   tesk_soak pressure [--slow-senders N] [--callback-clients N]
+//                      [--callback-kinds late,silent,deaf] [--pinning-connections N]
+//                      [--huge-ranging-clients N] [--bound-ms N]
 //   tesk_soak --role NAME ...   (one client; the soak starts itself this way)
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +21,9 @@ int Usage() {
   fprintf(stderr,
           "usage: tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]\n"
           "       tesk_soak pressure [--slow-senders N] [--callback-clients N] "
-          "[--pinning-connections N] [--bound-ms N]\n");
+          "[--callback-kinds late,silent,deaf]\n"
+          "                         [--pinning-connections N]\n"
+          "                         [--huge-ranging-clients N] [--bound-ms N]\n");
   return 64;
 }
 
@@ -47,9 +51,11 @@ int main(int argc, char** argv) {
       seconds = role_options.seconds = std::stod(value);
     } else if (name == "--report") {
       role_options.report_path = value;
-    } else if (name == "--roles") {
-      std::stringstream list(value);
-      for (std::string one; std::getline(list, one, ',');) roles.push_back(one);
+    } else if (name == "--roles" || name == "--callback-kinds") {
+      std::vector<std::string>& list = name == "--roles" ? roles : pressure.callback_kinds;
+      list.clear();
+      std::stringstream words(value);
+      for (std::string one; std::getline(words, one, ',');) list.push_back(one);
     } else if (name == "--clients") {
       clients = std::stoi(value);
     } else if (name == "--slow-senders") {
@@ -58,6 +64,8 @@ int main(int argc, char** argv) {
       pressure.callback_clients = std::stoi(value);
     } else if (name == "--pinning-connections") {
       pressure.pinning_connections = std::stoi(value);
+    } else if (name == "--huge-ranging-clients") {
+      pressure.huge_ranging_clients = std::stoi(value);
     } else if (name == "--bound-ms") {
       pressure.bound_ms = std::stol(value);
     } else if (i != 1) {
