@@ -64,7 +64,7 @@ for name in "${targets[@]}"; do
   while read -r file wanted; do
     for fn in $wanted; do
       # Function rows end in: regions missed cover lines missed cover.
-      if ! echo "$table" | grep -E "(^|[: ])$fn\(" | awk '$(NF-2) > $(NF-1) {hit = 1} END {exit !hit}'; then
+      if ! echo "$table" | grep -E "(^|[: ])$fn[(<]" | awk '$(NF-2) > $(NF-1) {hit = 1} END {exit !hit}'; then
         echo "NOT REACHED: $fn in $file"
         missed=1
       fi
