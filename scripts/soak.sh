@@ -6,13 +6,22 @@
 #   pressure: 1,000 slow senders, 50 late, silent or non-reading callback
 #             clients and memory-pinning clients while teskctl scans.
 # Each prints its figures and fails when the daemon did not come back to its
-# baseline. Usage: scripts/soak.sh [SECONDS]   (fault soak length, default 180)
+# baseline. Usage: scripts/soak.sh [SECONDS [faults|pressure]...]
+# (fault soak length, default 180; both soaks by default)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 seconds=${1:-180}
+shift || true
+modes=("$@")
+[ ${#modes[@]} -eq 0 ] && modes=(faults pressure)
 
 cmake --preset dev >/dev/null
 cmake --build --preset dev --target tesk_soak tesk teskctl tarnsocket
-build/dev/bin/tesk_soak faults --seconds "$seconds"
-build/dev/bin/tesk_soak pressure
+for mode in "${modes[@]}"; do
+  case "$mode" in
+    faults) build/dev/bin/tesk_soak faults --seconds "$seconds" ;;
+    pressure) build/dev/bin/tesk_soak pressure ;;
+    *) echo "unknown soak $mode" >&2; exit 64 ;;
+  esac
+done

@@ -5,13 +5,13 @@
 # brief run of every benchmark so that none rots (their numbers never fail).
 # The soak stage runs the daemon under many good and bad clients at once for
 # a short while (scripts/soak.sh runs it longer).
-# Usage: scripts/test.sh [dev|bench|asan|fuzz|tsan|soak]...   (default: all but soak)
+# Usage: scripts/test.sh [dev|bench|soak|asan|fuzz|tsan]...   (default: all of them)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 stages=("$@")
-[ ${#stages[@]} -eq 0 ] && stages=(dev bench asan fuzz tsan)
+[ ${#stages[@]} -eq 0 ] && stages=(dev bench soak asan fuzz tsan)
 fuzz_seconds=${TESK_FUZZ_SECONDS:-12}  # per target; scripts/fuzz.sh runs them longer
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
@@ -46,7 +46,7 @@ for stage in "${stages[@]}"; do
       ctest --preset "$stage"
       ;;
     soak)
-      scripts/soak.sh "${TESK_SOAK_SECONDS:-40}"
+      scripts/soak.sh "${TESK_SOAK_SECONDS:-40}" faults
       ;;
     fuzz)
       [ -d build/asan ] || build asan

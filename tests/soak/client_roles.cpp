@@ -244,13 +244,14 @@ int KillMidRegistration(const RoleOptions& options) {
   KillSelfSoon(client.random(), 50);
 }
 
-// Starts a large ranging scan and never reads its result.
+// Starts a ranging scan whose result (about 500 KB) overfills the socket,
+// and never reads it.
 int Deaf(const RoleOptions& options) {
   Client client(options, 0);
   const int fd = RawConnect(options.socket_path);
   const uint32_t service =
       fd >= 0 ? RawOpenService(fd, kInterfaceRangingScan) : 0;
-  if (service != 0 && RawStartRanging(fd, service, 5000)) ++client.tally().started;
+  if (service != 0 && RawStartRanging(fd, service, 2000)) ++client.tally().started;
   const double idle = options.seconds < 8 ? options.seconds : 8;
   std::this_thread::sleep_for(milliseconds(static_cast<int64_t>(idle * 1000)));
   if (fd >= 0 && WaitForEnd(fd, milliseconds(0))) ++client.tally().connections_ended;

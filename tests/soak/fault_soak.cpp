@@ -67,6 +67,55 @@ std::map<std::string, RoleTotals> ReadReports(const std::string& path) {
   return totals;
 }
 
+struct MixCounts {
+  int started = 0;
+  int killed = 0;  // by the soak, from outside
+  int failed = 0;  // clients that exited reporting a fault
+};
+
+// Keeps `clients` client processes running for `seconds`, handing out the
+// roles in turn, then waits for the last of them.
+MixCounts RunMix(const std::vector<std::string>& roles, int clients, double seconds,
+                 RoleOptions options, std::minstd_rand& random) {
+  MixCounts counts;
+  std::map<pid_t, Clock::time_point> running;  // pid -> when the soak kills it (or never)
+  const auto deadline = Clock::now() + milliseconds(static_cast<int64_t>(seconds * 1000));
+  while (Clock::now() < deadline || !running.empty()) {
+    const auto now = Clock::now();
+    while (now < deadline && static_cast<int>(running.size()) < clients) {
+      const std::string& role = roles[static_cast<size_t>(counts.started) % roles.size()];
+      options.seed = static_cast<unsigned>(++counts.started + static_cast<int>(random() % 1000));
+      const double left = std::chrono::duration<double>(deadline - now).count();
+      options.seconds = std::min(left, 1.0 + static_cast<double>(random() % 5000) / 1000);
+      const pid_t pid = StartClient(role, options);
+      // One client in eight is killed from outside at a moment of no choosing.
+      running[pid] =
+          random() % 8 == 0 ? now + milliseconds(random() % 1500) : Clock::time_point::max();
+    }
+    for (auto& [pid, kill_at] : running) {
+      if (now >= kill_at) {
+        kill(pid, SIGKILL);
+        ++counts.killed;
+        kill_at = Clock::time_point::max();
+      }
+    }
+    bool reaped = false;
+    for (auto it = running.begin(); it != running.end();) {
+      int status = 0;
+      // Only our clients: the daemon is a child of this process too.
+      if (waitpid(it->first, &status, WNOHANG) == it->first) {
+        if (WIFEXITED(status) && WEXITSTATUS(status) != 0) ++counts.failed;
+        it = running.erase(it);
+        reaped = true;
+      } else {
+        ++it;
+      }
+    }
+    if (!reaped) std::this_thread::sleep_for(milliseconds(10));
+  }
+  return counts;
+}
+
 }  // namespace
 
 int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& only) {
@@ -84,49 +133,20 @@ int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& on
     fprintf(stderr, "soak: the daemon does not serve\n%s", daemon.Log().c_str());
     return 1;
   }
+  const DaemonFigures cold = ReadFigures(daemon);
+  // The same mix for a while first: thread pools, allocator arenas and the
+  // location client grow to their working size, so that what the soak then
+  // compares is what the clients leave behind.
+  std::minstd_rand random(20261124);
   RoleOptions options{daemon.socket_path(), 0, 1.0, dir.Join("warm-up")};
-  // A first scan creates the location client: part of the baseline.
-  waitpid(StartClient("scan", options), nullptr, 0);
-  std::this_thread::sleep_for(milliseconds(500));
+  const double warm_up = std::min(10.0, seconds / 4);
+  RunMix(roles, clients, warm_up, options, random);
+  std::this_thread::sleep_for(std::chrono::seconds(2));
   const DaemonFigures baseline = ReadFigures(daemon);
 
-  std::minstd_rand random(20261124);
-  std::map<pid_t, Clock::time_point> running;  // pid -> when the soak kills it (or never)
-  int started = 0, killed_by_soak = 0, failed = 0;
-  const auto deadline = Clock::now() + milliseconds(static_cast<int64_t>(seconds * 1000));
   options.report_path = report;
-  while (Clock::now() < deadline || !running.empty()) {
-    const auto now = Clock::now();
-    while (now < deadline && static_cast<int>(running.size()) < clients) {
-      const std::string& role = roles[static_cast<size_t>(started) % roles.size()];
-      options.seed = static_cast<unsigned>(++started);
-      const double left = std::chrono::duration<double>(deadline - now).count();
-      options.seconds = std::min(left, 1.0 + static_cast<double>(random() % 5000) / 1000);
-      const pid_t pid = StartClient(role, options);
-      // One client in eight is killed from outside at a moment of no choosing.
-      running[pid] = random() % 8 == 0 ? now + milliseconds(random() % 1500) : Clock::time_point::max();
-    }
-    for (auto& [pid, kill_at] : running) {
-      if (now >= kill_at) {
-        kill(pid, SIGKILL);
-        ++killed_by_soak;
-        kill_at = Clock::time_point::max();
-      }
-    }
-    bool reaped = false;
-    for (auto it = running.begin(); it != running.end();) {
-      int status = 0;
-      // Only our clients: the daemon is a child of this process too.
-      if (waitpid(it->first, &status, WNOHANG) == it->first) {
-        if (WIFEXITED(status) && WEXITSTATUS(status) != 0) ++failed;
-        it = running.erase(it);
-        reaped = true;
-      } else {
-        ++it;
-      }
-    }
-    if (!reaped) std::this_thread::sleep_for(milliseconds(10));
-  }
+  const MixCounts mix = RunMix(roles, clients, seconds, options, random);
+  const int started = mix.started, killed_by_soak = mix.killed, failed = mix.failed;
 
   // Give the daemon time to notice the last deaths and let go of everything.
   HandleCounts handles;
@@ -141,7 +161,8 @@ int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& on
             end.resident_kib > baseline.resident_kib + 16 * 1024));
 
   KeepLog(daemon);
-  const long answer_ms = TimedTeskctlScan(daemon.socket_path());
+  // No two ids in a row carry a fault: a second attempt is never dropped.
+  const long answer_ms = TimedTeskctlScan(daemon.socket_path(), 2);
   const bool alive = daemon.Running();
 
   long retained = 0, released = 0;
@@ -163,9 +184,11 @@ int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& on
          handles.released, static_cast<long>(handles.started - handles.released));
   printf("  connections the library ended: %zu\n", daemon.CountInLog("tarnsocket: Connection"));
   printf("  daemon descriptors: baseline %d, end %d\n", baseline.descriptors, end.descriptors);
-  printf("  daemon resident: baseline %ld KiB, end %ld KiB (+%ld KiB)\n", baseline.resident_kib,
-         end.resident_kib, end.resident_kib - baseline.resident_kib);
-  printf("  daemon threads: baseline %d, end %d\n", baseline.threads, end.threads);
+  printf("  daemon resident: idle %ld KiB, after %.0f s of warm-up %ld KiB, end %ld KiB (%+ld KiB)\n",
+         cold.resident_kib, warm_up, baseline.resident_kib, end.resident_kib,
+         end.resident_kib - baseline.resident_kib);
+  printf("  daemon threads: idle %d, after warm-up %d, end %d\n", cold.threads, baseline.threads,
+         end.threads);
   printf("  daemon alive: %s, teskctl scan afterwards: %s (%ld ms)\n", alive ? "yes" : "no",
          answer_ms >= 0 ? "ok" : "failed", answer_ms);
 

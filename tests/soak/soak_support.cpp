@@ -71,18 +71,21 @@ void KeepLog(tesk_test::DaemonProcess& daemon) {
   if (path != nullptr && path[0] != '\0') std::ofstream(path) << daemon.Log();
 }
 
-long TimedTeskctlScan(const std::string& socket_path) {
-  const auto start = std::chrono::steady_clock::now();
-  const tesk_test::ProcessResult result = tesk_test::RunProcess(
-      {tesk_test::BuiltBinary("teskctl"), "--timeout", "30", "scan"},
-      {"TESK_SOCKET=" + socket_path});
-  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
-      std::chrono::steady_clock::now() - start);
-  if (result.exit_code != 0) {
-    fprintf(stderr, "soak: teskctl scan failed (%d): %s\n", result.exit_code, result.err.c_str());
-    return -1;
+long TimedTeskctlScan(const std::string& socket_path, int attempts) {
+  for (int attempt = 1;; ++attempt) {
+    const auto start = std::chrono::steady_clock::now();
+    const tesk_test::ProcessResult result = tesk_test::RunProcess(
+        {tesk_test::BuiltBinary("teskctl"), "--timeout", attempts > 1 ? "5" : "30", "scan"},
+        {"TESK_SOCKET=" + socket_path});
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    if (result.exit_code == 0) return static_cast<long>(took.count());
+    if (attempt >= attempts) {
+      fprintf(stderr, "soak: teskctl scan failed (%d): %s\n", result.exit_code,
+              result.err.c_str());
+      return -1;
+    }
   }
-  return static_cast<long>(took.count());
 }
 
 }  // namespace tesk_soak

@@ -36,8 +36,10 @@ HandleCounts CountHandles(tesk_test::DaemonProcess& daemon);
 // Writes the daemon's log to the file named by $TESK_SOAK_LOG, if set.
 void KeepLog(tesk_test::DaemonProcess& daemon);
 
-// Milliseconds `teskctl scan` took, or -1 when it failed.
-long TimedTeskctlScan(const std::string& socket_path);
+// Milliseconds `teskctl scan` took, or -1 when it failed. `attempts` > 1
+// tries again after a failure (the location service may drop a request on
+// purpose); the time is that of the last attempt.
+long TimedTeskctlScan(const std::string& socket_path, int attempts = 1);
 
 }  // namespace tesk_soak
 
