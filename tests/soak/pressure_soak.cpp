@@ -88,12 +88,13 @@ class SlowSenders {
   std::thread thread_;
 };
 
-// Connections that each keep sending the root 16 MiB calls (which it
-// refuses for their size, after the library has read them whole).
+// Connections that each keep sending the root calls of just under 16 MiB,
+// the most a call may carry (the root refuses them for their size, after the
+// library has read them whole).
 class MemoryPinners {
  public:
   MemoryPinners(const std::string& socket_path, int count)
-      : frame_(InvokeFrame(1, 0, OBJECT_OP_METHOD, {Bytes(16u << 20, 0x5a)}, 0, 1)) {
+      : frame_(InvokeFrame(1, 0, OBJECT_OP_METHOD, {Bytes((16u << 20) - 64, 0x5a)}, 0, 1)) {
     for (int i = 0; i < count; ++i) threads_.emplace_back([this, socket_path] { Run(socket_path); });
   }
   ~MemoryPinners() {

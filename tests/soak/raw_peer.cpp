@@ -40,6 +40,7 @@ FrameHeader Header(uint8_t type, uint32_t body_size, uint32_t call_id, uint32_t 
   header.handle = handle;
   header.code = code;
   header.counts = counts;
+  if (type == tarnsocket::kFrameInvoke) header.depth = 1;  // not nested in any call
   return header;
 }
 
