@@ -18,23 +18,27 @@ constexpr uint8_t kExtendedMinLength = 25;
 // The extended length must still fit its byte.
 constexpr uint8_t kUnextendableLength = 255;
 
-void AppendByte(CommonResponseData& out, uint8_t byte) {
-  out.bytes.push_back(static_cast<signed char>(byte));
+// Identifier, length byte, data and, when given, one trailing byte: one
+// element, appended to the byte pool in one piece. Returns its size.
+uint32_t AppendElement(CommonResponseData& out, const VELAInfoElement& element, uint8_t length_byte,
+                       const uint8_t* trailing) {
+  signed char bytes[2 + 255 + 1];
+  bytes[0] = static_cast<signed char>(element.id);
+  bytes[1] = static_cast<signed char>(length_byte);
+  if (element.len != 0) std::memcpy(bytes + 2, element.data, element.len);
+  uint32_t size = element.len + 2u;
+  if (trailing != nullptr) bytes[size++] = static_cast<signed char>(*trailing);
+  out.bytes.append(bytes, size);
+  return size;
 }
 
-void AppendBytes(CommonResponseData& out, const uint8_t* data, uint32_t length) {
-  for (uint32_t i = 0; i < length; ++i) AppendByte(out, data[i]);
-}
-
-// Identifier, length, data: the element as it stood in the frame.
-void AppendElement(CommonResponseData& out, const VELAInfoElement* element, uint32_t* offset,
-                   uint32_t* length) {
+// Element A or B of a measurement: the element as it stood in the frame.
+void AppendOptionalElement(CommonResponseData& out, const VELAInfoElement* element,
+                           uint32_t* offset, uint32_t* length) {
   if (element == nullptr) return;
   *offset = out.bytes.getCount();
   *length = element->len + 2u;
-  AppendByte(out, element->id);
-  AppendByte(out, element->len);
-  AppendBytes(out, element->data, element->len);
+  AppendElement(out, *element, element->len, nullptr);
 }
 
 WifiMeasurementInfo ToInfo(const VELAMeasurementDetail* d) {
@@ -131,10 +135,11 @@ void MarshalCommon(CommonResponseData& out, const VELAScanMeasurement* m) {
 
   rec.bytesOffset = out.bytes.getCount();
   rec.bytesLength = m->rawBytes.getCount();
-  for (uint32_t i = 0; i < rec.bytesLength; ++i) out.bytes.push_back(m->rawBytes[i]);
+  // Every index below the count: the checked access would pass each byte.
+  out.bytes.append(m->rawBytes.getData(), rec.bytesLength);
 
-  AppendElement(out, m->elementA, &rec.elementAOffset, &rec.elementALength);
-  AppendElement(out, m->elementB, &rec.elementBOffset, &rec.elementBLength);
+  AppendOptionalElement(out, m->elementA, &rec.elementAOffset, &rec.elementALength);
+  AppendOptionalElement(out, m->elementB, &rec.elementBOffset, &rec.elementBLength);
 
   out.measurements.push_back(rec);
 }
@@ -152,12 +157,12 @@ void MarshalFullBeacon(CommonResponseData& out, const ky_loc_fw::VELAFullBeaconS
   for (uint32_t k = 0; k < n; ++k) {
     const VELAInfoElement* element = m->informationElements[k];
     if (element == nullptr) continue;
-    const uint8_t extension = IsExtendedVendorElement(*element) ? 1 : 0;
-    AppendByte(out, element->id);
-    AppendByte(out, static_cast<uint8_t>(element->len + extension));
-    AppendBytes(out, element->data, element->len);
-    if (extension != 0) AppendByte(out, static_cast<uint8_t>(m->beaconTsf & 0xFF));
-    total += element->len + 2u + extension;
+    if (IsExtendedVendorElement(*element)) {
+      const uint8_t beacon_byte = static_cast<uint8_t>(m->beaconTsf & 0xFF);
+      total += AppendElement(out, *element, static_cast<uint8_t>(element->len + 1), &beacon_byte);
+    } else {
+      total += AppendElement(out, *element, element->len, nullptr);
+    }
   }
 
   if (rec != nullptr) {

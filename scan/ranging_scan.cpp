@@ -96,25 +96,31 @@ VELAPeriodicNodeInfo PeriodicNode(const PeriodicRangingTarget& record) {
   return node;
 }
 
+// Decodes the targets into nodes, builds the request around them and starts
+// it; the request is handed back so that each op ends it in its own order.
+template <typename Request, typename Node, typename Record>
+std::unique_ptr<Request> SendRanging(ObjectArg* args, long ts, Node (*make_node)(const Record&),
+                                     int32_t* result) {
+  ky_loc_fw::vector<Node> nodes;
+  DecodeRecords<Record>(args[0].b, nodes, make_node);
+  auto request = std::make_unique<Request>(NextRequestId(), nodes, ts);
+  *result = StartScan(request.get(), ResponseReceived, args[2].o, &args[3].o);
+  return request;
+}
+
+// The single scan logs while its request still exists, the periodic one
+// after deleting it; both orders are kept as they are.
 int32_t StartRangingScan(ObjectArg* args, long ts) {
-  ky_loc_fw::vector<VELANodeInfo> nodes;
-  DecodeRecords<RangingTarget>(args[0].b, nodes, SingleNode);
-  auto request = std::make_unique<VELARangingScanRequest>(NextRequestId(), nodes, ts);
-  const int32_t result = StartScan(request.get(), ResponseReceived, args[2].o, &args[3].o);
-  // The single scan logs while its request still exists, the periodic one
-  // after deleting it; both orders are kept as they are.
+  int32_t result;
+  auto request = SendRanging<VELARangingScanRequest>(args, ts, SingleNode, &result);
   ky_loc_fw::log_debug(kTag, "RangingScan: StartRangingScan ID %d ts %ld returning %d\n",
                        static_cast<int>(request->getRequestId()), ts, result);
-  request.reset();
   return result;
 }
 
 int32_t StartPeriodicRangingScan(ObjectArg* args, long ts) {
-  ky_loc_fw::vector<VELAPeriodicNodeInfo> nodes;
-  DecodeRecords<PeriodicRangingTarget>(args[0].b, nodes, PeriodicNode);
-  auto request = std::make_unique<VELAPeriodicRangingScanRequest>(NextRequestId(), nodes, ts);
-  const int32_t result = StartScan(request.get(), ResponseReceived, args[2].o, &args[3].o);
-  request.reset();
+  int32_t result;
+  SendRanging<VELAPeriodicRangingScanRequest>(args, ts, PeriodicNode, &result).reset();
   ky_loc_fw::log_debug(kTag, "RangingScan: StartPeriodicRangingScan returning %d\n", result);
   return result;
 }

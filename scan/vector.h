@@ -9,6 +9,7 @@
 #ifndef TESK_SCAN_VECTOR_H_
 #define TESK_SCAN_VECTOR_H_
 
+#include <algorithm>
 #include <cstdint>
 #include <new>
 
@@ -53,13 +54,36 @@ class vector {
         log_error("vector", "insertion failed %d", -2);
         return -2;
       }
-      for (uint32_t i = 0; i < capacity; ++i) block[i] = data[i];
+      std::copy_n(data, capacity, block);
       capacity = new_capacity;
       delete[] data;
       data = block;
     }
     data[count] = value;
     ++count;
+    return 0;
+  }
+
+  // Appends values[0..n) as n calls of push_back would, with at most one new
+  // block: the capacity doubles as often as push_back would have doubled it,
+  // in one step. Should that block not be had, the elements go one by one
+  // through push_back, so that failures are exactly push_back's.
+  int append(const T* values, uint32_t n) {
+    if (n == 0) return 0;
+    if (data == nullptr || n > capacity - count) {
+      uint64_t target = data == nullptr ? kFirstCapacity : capacity;
+      while (target < uint64_t{count} + n) target *= 2;
+      if (target > UINT32_MAX || !Regrow(static_cast<uint32_t>(target))) {
+        int result = 0;
+        for (uint32_t i = 0; i < n; ++i) {
+          const int one = push_back(values[i]);
+          if (one != 0) result = one;
+        }
+        return result;
+      }
+    }
+    std::copy_n(values, n, data + count);
+    count += n;
     return 0;
   }
 
@@ -94,6 +118,20 @@ class vector {
   const T* getData() const { return data; }
 
  private:
+  // Moves the elements into a new block of new_capacity slots; false, with
+  // nothing changed, when it cannot be allocated.
+  bool Regrow(uint32_t new_capacity) {
+    T* block = new (std::nothrow) T[new_capacity];
+    if (block == nullptr) return false;
+    if (data != nullptr) {
+      std::copy_n(data, count, block);
+      delete[] data;
+    }
+    data = block;
+    capacity = new_capacity;
+    return true;
+  }
+
   uint32_t Checked(uint32_t index) const {
     if (index < count) return index;
     log_error("vector", "index out of range\n");

@@ -144,4 +144,44 @@ TEST_F(VectorTest, AccessAtOrBeyondCountLogsAndYieldsFirstElement) {
   EXPECT_TRUE(lines_.empty());
 }
 
+// A bulk append lands where pushing each element would, in one new block at
+// most; should that block fail, it falls back to pushing one by one.
+TEST_F(VectorTest, AppendGrowsLikePushesInOneBlock) {
+  const std::vector<int> values = Iota(300);
+  const std::tuple<int, uint32_t, uint32_t, int> cases[] = {
+      // already held, appended, capacity after, blocks made by the append
+      {0, 0, 0, 0},    {0, 1, 64, 1},    {0, 64, 64, 1},    {0, 65, 128, 1},
+      {10, 54, 64, 0}, {10, 55, 128, 1}, {100, 200, 512, 1}};
+  for (const auto& [held, appended, capacity, blocks] : cases) {
+    SCOPED_TRACE(testing::Message() << held << " + " << appended);
+    vector<int> v;
+    Fill(v, held);
+    allocations = 0;
+    EXPECT_EQ(v.append(values.data() + held, appended), 0);
+    EXPECT_EQ(v.getCapacity(), capacity);
+    EXPECT_EQ(allocations, blocks);
+    EXPECT_EQ(Contents(v), Iota(held + static_cast<int>(appended)));
+  }
+  vector<int> v;
+  Fill(v, 64);
+  fail_next = true;  // the one block of 256; the fallback's 128 succeeds
+  EXPECT_EQ(v.append(values.data() + 64, 100), 0);
+  EXPECT_EQ(v.getCapacity(), 256u);
+  EXPECT_EQ(Contents(v), Iota(164));
+  EXPECT_TRUE(lines_.empty());
+}
+
+// An array without storage has no element 0 to fall back on: the access
+// logs and then faults, rather than handing out some other memory.
+TEST_F(VectorTest, AccessWithoutStorageLogsThenFaults) {
+  vector<int> empty;
+  EXPECT_DEATH(
+      {
+        ky_loc_fw::log_set_sink(nullptr, nullptr, false);  // the line goes to stderr
+        volatile int value = empty[0];
+        (void)value;
+      },
+      "index out of range");
+}
+
 }  // namespace
