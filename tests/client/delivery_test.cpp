@@ -2,13 +2,11 @@
 // and forwards deliveries; decoding what a hostile or broken daemon could
 // deliver refuses wrong shapes, drops partial records and checks every slice.
 #include <cstring>
-#include <memory>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "teskclient/callback_object.h"
 #include "teskclient/result_decoding.h"
 
 namespace {
@@ -90,21 +88,6 @@ TEST(ResultDecodingTest, NothingIsReadOutsideWhatWasDelivered) {
   EXPECT_EQ(teskclient::SsidOf(r).size(), 4u);
   r.ssidLength = 500;
   EXPECT_EQ(teskclient::SsidOf(r).size(), 32u);
-}
-
-TEST(CallbackObjectTest, CountsReferencesAndForwardsDeliveries) {
-  int calls = 0;
-  auto alive = std::make_shared<int>(0);
-  Object callback = teskclient::MakeCallbackObject(
-      [&calls, alive](const ObjectArg*, uint32_t counts) { calls += counts == 4 ? 1 : 100; });
-  EXPECT_EQ(callback.invoke(callback.context, 0x10000, nullptr, 4), 0);
-  EXPECT_EQ(calls, 1);
-  EXPECT_EQ(callback.invoke(callback.context, 1, nullptr, 0), 2);
-  EXPECT_EQ(callback.invoke(callback.context, OBJECT_OP_RETAIN, nullptr, 0), 0);
-  EXPECT_EQ(callback.invoke(callback.context, OBJECT_OP_RELEASE, nullptr, 0), 0);
-  EXPECT_EQ(alive.use_count(), 2) << "one reference left";
-  ObjectRelease(callback);
-  EXPECT_EQ(alive.use_count(), 1) << "the last release destroys the handler";
 }
 
 }  // namespace

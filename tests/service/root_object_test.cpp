@@ -85,12 +85,6 @@ TEST(RootObject, MalformedInvocationsLeaveTheOutputUntouched) {
   }
 }
 
-TEST(RootObject, RetainAndReleaseAreAcceptedAndIgnoredAtAnyHighBits) {
-  for (uint32_t op : {0xFFFEu, 0xFFFFu, 0x1FFFEu, 0x2FFFFu, 0xABCDFFFFu}) {
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(root_invoke(nullptr, op, nullptr, 0), OBJECT_OK) << op;
-  }
-}
-
 TEST(RootObject, OnlyTheLowSixteenBitsOfTheOpCount) {
   Object plain, high;
   EXPECT_EQ(Invoke({0, 0x1001, Id(3)}, &plain), OBJECT_ERROR_INVALID);
