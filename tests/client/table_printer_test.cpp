@@ -53,14 +53,15 @@ TEST(TablePrinterTest, DiscoveryRowsShowWhatTheElementsSay) {
   odd.beaconIesLength = 4;
   results.records = {home, odd};
   const std::string table = Printed(PrintDiscovery, results);
-  const char* expected[] = {
-      "scanStatus 0  response_value 7  response_word 9  2 records\n",
-      "00:aa:bb:cc:dd:ee  home                                 6  RSN:PSK/CCMP              "
-      "06:7e:5c\n",
-      " ies=0+37\n",
+  const std::string home_row = std::string("00:aa:bb:cc:dd:ee  home") + std::string(33, ' ') +
+                               "6  RSN:PSK/CCMP              06:7e:5c\n";
+  const std::string expected[] = {
+      "scanStatus 0  response_value 7  response_word 9  2 records\n", home_row, " ies=0+37\n",
       "00:00:01:00:00:02  <017a>                               -  -                         -\n",
       " ies=100+4(bad)\n"};
-  for (const char* line : expected) EXPECT_NE(table.find(line), std::string::npos) << line;
+  for (const std::string& line : expected) {
+    EXPECT_NE(table.find(line), std::string::npos) << line;
+  }
 }
 
 TEST(TablePrinterTest, RangingListsEachRecordsAddresses) {
