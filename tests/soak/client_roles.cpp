@@ -313,6 +313,24 @@ int HugeRanging(const RoleOptions& options) {
   return client.Finish("huge-range");
 }
 
+// New connections one after the other, each leaving one silent callback
+// behind: what a client gets away with when only a connection's record
+// counts against it.
+int Fickle(const RoleOptions& options) {
+  Client client(options, kInterfaceDiscoveryScan);
+  while (client.TimeLeft()) {
+    CountingCallback* callback = nullptr;
+    Object handle;
+    if (client.Open() &&
+        StartScan(client, kInterfaceDiscoveryScan, -1, &callback, &handle) == OBJECT_OK) {
+      std::this_thread::sleep_for(milliseconds(300));
+      ObjectRelease(handle);
+    }
+    client.Lost();
+  }
+  return client.Finish("fickle");
+}
+
 int NoDelay(std::minstd_rand&) {
   return 0;
 }
@@ -344,6 +362,7 @@ int RunRole(const std::string& name, const RoleOptions& options) {
                     [](std::minstd_rand&) { return 3500; }, true);
   }
   if (name == "huge-range") return HugeRanging(options);
+  if (name == "fickle") return Fickle(options);
   if (name == "silent") {
     return ScanLoop(name, options, kInterfaceDiscoveryScan,
                     [](std::minstd_rand&) { return -1; }, true);

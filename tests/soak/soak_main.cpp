@@ -1,7 +1,7 @@
 // tesk_soak: runs the daemon and many client processes against it.
 //   tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]
 //   tesk_soak pressure [--slow-senders N] [--callback-clients N]
-//                      [--callback-kinds late,silent,deaf] [--pinning-connections N]
+//                      [--callback-kinds late,silent,deaf,fickle] [--pinning-connections N]
 //                      [--huge-ranging-clients N] [--bound-ms N]
 //   tesk_soak --role NAME ...   (one client; the soak starts itself this way)
 #include <cstdio>
@@ -21,7 +21,7 @@ int Usage() {
   fprintf(stderr,
           "usage: tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]\n"
           "       tesk_soak pressure [--slow-senders N] [--callback-clients N] "
-          "[--callback-kinds late,silent,deaf]\n"
+          "[--callback-kinds late,silent,deaf,fickle]\n"
           "                         [--pinning-connections N]\n"
           "                         [--huge-ranging-clients N] [--bound-ms N]\n");
   return 64;
