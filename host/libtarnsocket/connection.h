@@ -146,11 +146,18 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // Calling (connection_calling.cpp).
   bool HandleReply(const FrameHeader& header, const ObjectRef* refs, Waiter* self, bool* mine);
-  // A late answer to a call whose caller gave up: its objects are let go.
+  // A late answer to a call whose caller gave up: its objects are let go,
+  // and the next deferred call may go. False if no such call was made.
   bool DiscardReplyLocked(const FrameHeader& header, const ObjectRef* refs,
-                          std::vector<Proxy*>* drop);
+                          std::vector<Proxy*>* drop, bool* flush);
   // self's answer did not come in time; returns the call's result.
   int32_t GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* self);
+  // On probation: the call is encoded now and sent later, in order, by a
+  // worker; the caller does not wait.
+  int32_t Defer(uint32_t handle, uint32_t op, uint32_t counts, const uint64_t* sizes,
+                const ObjectRef* refs, const ObjectArg* args, uint8_t depth, uint64_t body);
+  // Sends deferred calls one at a time, each after the previous answer.
+  void FlushDeferred();
 
   const int fd_;
   const Side side_;
@@ -180,6 +187,19 @@ class Connection : public std::enable_shared_from_this<Connection> {
   uint32_t serving_ = 0;               // the peer's calls accepted and not yet answered
   std::deque<uint32_t> abandoned_;     // calls whose callers stopped waiting
   std::deque<Clock::time_point> strikes_;
+  // A service's calls into a peer that once left it waiting are not waited
+  // for: they go out one at a time, each after the previous answer, until
+  // the peer answers one in time again.
+  struct Deferred {
+    std::vector<uint8_t> bytes;
+    uint32_t call_id;
+  };
+  bool probation_ = false;
+  std::deque<Deferred> deferred_;
+  uint64_t deferred_bytes_ = 0;
+  bool flushing_ = false;
+  uint32_t outstanding_ = 0;  // the call sent on probation, unanswered
+  Clock::time_point outstanding_due_;  // an answer by then ends the probation
   bool logged_busy_ = false;
   bool logged_exports_ = false;
   bool logged_depth_ = false;

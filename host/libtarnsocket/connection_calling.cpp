@@ -1,13 +1,11 @@
 // Calling the peer's objects: send the call, read or wait for its answer,
-// take the answer's objects. A service that calls into a client does not
-// wait long: an answer that comes too late is dropped when it comes, and a
-// client that often leaves the service waiting is disconnected.
+// take the answer's objects.
 #include <errno.h>
 
 #include <algorithm>
 
 #include "connection.h"
-#include "log.h"
+#include "endpoint.h"
 #include "tarnsocket/tarn_ipc.h"
 #include "thread_context.h"
 
@@ -18,8 +16,6 @@ namespace {
 // the socket buffer, so the sender cannot block on a peer that is itself
 // blocked sending to us.
 constexpr uint64_t kSmallFrame = uint64_t{32} * 1024;
-// Calls given up on whose late answers are still recognised.
-constexpr size_t kMaxAbandoned = 64;
 
 }  // namespace
 
@@ -58,6 +54,15 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
       for (unsigned j = 0; j < i; ++j) Unmarshal(refs[j]);
       return TARN_IPC_ERROR_TOO_MANY_OBJECTS;
     }
+  }
+  bool defer;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    defer = probation_;
+  }
+  if (defer) {
+    for (unsigned i = 0; i < out_objs; ++i) args[in_bufs + in_objs + i].o = kNullObject;
+    return Defer(handle, op, counts, sizes, refs, args, static_cast<uint8_t>(depth), total);
   }
 
   Waiter waiter;
@@ -124,48 +129,11 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
   return waiter.result;
 }
 
-int32_t Connection::GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* self) {
-  if (side_ == Side::kClient) {
-    lock->unlock();
-    CloseWithLog("no answer within %u ms", peer_timeout_ms_);
-    return TARN_IPC_ERROR_TIMEOUT;
-  }
-  abandoned_.push_back(self->call_id);
-  if (abandoned_.size() > kMaxAbandoned) abandoned_.pop_front();
-  const Clock::time_point now = Clock::now();
-  strikes_.push_back(now);
-  while (now - strikes_.front() > std::chrono::milliseconds(kStrikeWindowMs)) strikes_.pop_front();
-  const size_t strikes = strikes_.size();
-  lock->unlock();
-  if (strikes >= limits_.callback_strikes) {
-    CloseWithLog("%zu calls got no answer within %u ms", strikes, peer_timeout_ms_);
-  } else {
-    LogWarning("Connection to pid %d: no answer within %u ms (%zu of %u strikes)", peer_pid_,
-               peer_timeout_ms_, strikes, limits_.callback_strikes);
-  }
-  return TARN_IPC_ERROR_TIMEOUT;
-}
-
-bool Connection::DiscardReplyLocked(const FrameHeader& header, const ObjectRef* refs,
-                                    std::vector<Proxy*>* drop) {
-  auto it = std::find(abandoned_.begin(), abandoned_.end(), header.call_id);
-  if (it == abandoned_.end()) return false;
-  abandoned_.erase(it);
-  for (unsigned i = 0; i < header.counts; ++i) {
-    if (refs[i].kind != kRefSenderExport) continue;
-    Proxy*& proxy = imports_[refs[i].handle];
-    if (proxy == nullptr) proxy = new Proxy{shared_from_this(), refs[i].handle, 0, 0};
-    ++proxy->refs;
-    ++proxy->received;
-    drop->push_back(proxy);
-  }
-  return true;
-}
-
 bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, Waiter* self,
                              bool* mine) {
   const char* bad = nullptr;
   std::vector<Proxy*> drop;
+  bool flush = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = std::find_if(waiters_.begin(), waiters_.end(),
@@ -176,12 +144,11 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
       ExportTable::Entry* entry = exports_.Get(refs[i].handle);
       if (entry == nullptr || entry->sent == 0) bad = "unknown handle passed back";
     }
-    if (bad != nullptr) {
-    } else if (it == waiters_.end()) {
-      if (!DiscardReplyLocked(header, refs, &drop)) bad = "answer to no call";
-    } else if ((*it)->out_objs != header.counts) {
+    if (bad == nullptr && it == waiters_.end()) {
+      if (!DiscardReplyLocked(header, refs, &drop, &flush)) bad = "answer to no call";
+    } else if (bad == nullptr && (*it)->out_objs != header.counts) {
       bad = "answer with the wrong number of objects";
-    } else {
+    } else if (bad == nullptr) {
       Waiter* waiter = *it;
       for (unsigned i = 0; i < header.counts; ++i) {
         waiter->pinned[i] = false;
@@ -210,6 +177,10 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
     }
   }
   for (Proxy* proxy : drop) ReleaseProxy(proxy);
+  if (flush) {
+    std::shared_ptr<Connection> self_ref = shared_from_this();
+    endpoint_->Dispatch([self_ref] { self_ref->FlushDeferred(); });
+  }
   if (bad == nullptr) return true;
   CloseWithLog("malformed frame: %s", bad);
   return false;

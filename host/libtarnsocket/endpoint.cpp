@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "buffer_pool.h"
 #include "connection.h"
 #include "log.h"
@@ -19,6 +21,9 @@ namespace {
 constexpr uint64_t kWakeId = 1;
 constexpr uint64_t kListenId = 2;
 constexpr size_t kMaxWorkers = 256;
+// Workers beyond these end after this long without work.
+constexpr size_t kKeptWorkers = 4;
+constexpr std::chrono::seconds kWorkerIdle{10};
 // While the descriptor limit is reached, new connections wait in the
 // backlog this long between tries; the warning comes at most this often.
 constexpr std::chrono::milliseconds kAcceptPause{100};
@@ -183,8 +188,20 @@ void Endpoint::WorkerLoop() {
   std::unique_lock<std::mutex> lock(pool_mutex_);
   for (;;) {
     ++idle_;
-    pool_cv_.wait(lock, [this] { return pool_stopping_ || !tasks_.empty(); });
+    const bool woken = pool_cv_.wait_for(lock, kWorkerIdle,
+                                         [this] { return pool_stopping_ || !tasks_.empty(); });
     --idle_;
+    if (!woken) {
+      if (workers_.size() <= kKeptWorkers) continue;
+      // A burst's extra workers go once it is over, and their stacks with them.
+      const auto self = std::find_if(workers_.begin(), workers_.end(), [](const std::thread& t) {
+        return t.get_id() == std::this_thread::get_id();
+      });
+      if (self == workers_.end()) continue;
+      self->detach();
+      workers_.erase(self);
+      return;
+    }
     if (tasks_.empty()) return;
     std::function<void()> task = std::move(tasks_.front());
     tasks_.pop_front();

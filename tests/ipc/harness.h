@@ -15,6 +15,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <tesk/object.h>
@@ -107,6 +108,23 @@ struct Counted {
         return self->on_call ? self->on_call(op & OBJECT_OP_MASK, args, counts) : 7;
     }
   }
+};
+
+// Sets limits for the connections made while it lives.
+class ScopedEnvironment {
+ public:
+  explicit ScopedEnvironment(std::initializer_list<std::pair<const char*, const char*>> values) {
+    for (const auto& value : values) {
+      names_.push_back(value.first);
+      setenv(value.first, value.second, 1);
+    }
+  }
+  ~ScopedEnvironment() {
+    for (const char* name : names_) unsetenv(name);
+  }
+
+ private:
+  std::vector<const char*> names_;
 };
 
 // `root`, served on a socket of its own, counts references to itself and

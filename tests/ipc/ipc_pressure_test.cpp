@@ -1,0 +1,199 @@
+// One client cannot hold up the others: many connections trickling their
+// frames, clients whose callbacks answer late, never answer or never read,
+// and a process out of descriptors, each against a bystander that keeps
+// being served. Bounds are generous: they separate a bounded delay from
+// the unbounded waits these peers used to cause.
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame.h"
+#include "gtest/gtest.h"
+#include "harness.h"
+
+namespace tarnsocket::ipc_test {
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+size_t Count(const std::string& log, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = log.find(what); at != std::string::npos; at = log.find(what, at + 1)) ++n;
+  return n;
+}
+
+Bytes StoreCallbackFrame() {
+  FrameHeader header{8, kFrameInvoke, 1, {}, 1, 0, kOpStore, OBJECT_COUNTS(0, 0, 1, 0)};
+  const ObjectRef callback{kRefSenderExport, 5};
+  Bytes bytes(sizeof header + sizeof callback);
+  memcpy(bytes.data(), &header, sizeof header);
+  memcpy(bytes.data() + sizeof header, &callback, sizeof callback);
+  return bytes;
+}
+
+// More connections than the service has workers each send a frame one byte
+// at a time, too slowly to finish in time: they hold no worker, a
+// bystander's calls go on, and each ends when its frame is overdue.
+TEST(IpcPressureTest, SlowSendersHoldNoWorker) {
+  constexpr int kSenders = 300;
+  setenv("TARN_FRAME_TIMEOUT_MS", "1000", 1);
+  Served served;
+  const Object bystander = served.Connect();
+  const Bytes frame = StoreCallbackFrame();
+  testing::internal::CaptureStderr();
+  std::vector<int> senders;
+  for (int i = 0; i < kSenders; ++i) senders.push_back(served.RawConnect(Bytes()));
+  milliseconds slowest{0};
+  for (size_t byte = 0; byte < frame.size(); ++byte) {
+    for (int fd : senders) send(fd, &frame[byte], 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+    for (int call = 0; call < 5; ++call) {
+      const auto start = Clock::now();
+      EXPECT_EQ(Call(bystander, kOpChecksum), Checksum(nullptr, 0));
+      slowest = std::max(slowest, std::chrono::duration_cast<milliseconds>(Clock::now() - start));
+      std::this_thread::sleep_for(milliseconds(10));
+    }
+  }
+  EXPECT_LT(slowest, milliseconds(1000));
+  for (int fd : senders) {
+    char byte;
+    EXPECT_LE(recv(fd, &byte, 1, 0), 0);  // ended by the service, maybe with our bytes unread
+    close(fd);
+  }
+  served.root.AwaitReleases(kSenders);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(Count(log, "closed: frame not whole within 1000 ms"), static_cast<size_t>(kSenders));
+  ObjectRelease(bystander);
+  unsetenv("TARN_FRAME_TIMEOUT_MS");
+}
+
+// The service delivers to each client in turn from one thread, as an event
+// source does. Clients that answer late, never answer or never read cost
+// that thread one wait each, not one per delivery; the bystander gets every
+// delivery; late answers are dropped quietly. A client that is slow again
+// each time it has been forgiven is disconnected at its third strike.
+TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
+  constexpr int kRounds = 20;
+  constexpr milliseconds kWait{300};
+  setenv("TARN_CALLBACK_TIMEOUT_MS", "300", 1);
+  Served served;
+  std::atomic<bool> done{false}, slow{false};
+  Counted late, silent, fickle, bystander;
+  late.on_call = [&](uint32_t, ObjectArg*, uint32_t) {
+    std::this_thread::sleep_for(2 * kWait);
+    return 0;
+  };
+  silent.on_call = [&](uint32_t, ObjectArg*, uint32_t) {
+    while (!done) Pause();
+    return 0;
+  };
+  fickle.on_call = [&](uint32_t, ObjectArg*, uint32_t) {
+    if (slow) std::this_thread::sleep_for(2 * kWait);
+    return 0;
+  };
+  std::vector<Object> roots, callbacks;
+  for (Counted* client : {&late, &silent, &bystander, &fickle}) {
+    roots.push_back(served.Connect());
+    ASSERT_EQ(Store(roots.back(), client->AsObject()), 0);
+    callbacks.push_back(served.Stored());
+    ObjectRetain(callbacks.back());
+  }
+  const Object fickle_callback = callbacks.back();
+  callbacks.pop_back();
+  const int deaf = served.RawConnect(StoreCallbackFrame());
+  while (served.Stored().context == fickle_callback.context) Pause();
+  callbacks.push_back(served.Stored());
+  ObjectRetain(callbacks.back());
+  unsetenv("TARN_CALLBACK_TIMEOUT_MS");
+
+  testing::internal::CaptureStderr();
+  const Bytes small(64, 1), large(1u << 20, 2);
+  int delivered = 0;
+  const auto start = Clock::now();
+  for (int round = 0; round < kRounds; ++round) {
+    for (size_t i = 0; i < callbacks.size(); ++i) {
+      const Bytes& data = i == 3 ? large : small;
+      ObjectArg args[1] = {Buf(data.data(), data.size())};
+      const int32_t result = Call(callbacks[i], 0, args, 1);
+      if (i == 2) delivered += result == 7;
+    }
+  }
+  // Waited for: late, silent and deaf once each.
+  EXPECT_LT(Clock::now() - start, 3 * kWait + milliseconds(3000));
+  EXPECT_EQ(delivered, kRounds);
+  EXPECT_GT(late.calls, 1);  // its deliveries still reach it, one by one
+
+  const Bytes byte(1, 0);
+  ObjectArg args[1] = {Buf(byte.data(), byte.size())};
+  for (int strike = 1; strike <= 3; ++strike) {
+      slow = true;
+    EXPECT_EQ(Call(fickle_callback, 0, args, 1), TARN_IPC_ERROR_TIMEOUT);
+    slow = false;
+    // Forgiven once a call is answered in time.
+    for (int i = 0; i < 100 && strike < 3 && Call(fickle_callback, 0, args, 1) != 0; ++i) {
+      std::this_thread::sleep_for(milliseconds(50));
+    }
+  }
+  EXPECT_EQ(Call(fickle_callback, 0, args, 1), TARN_IPC_ERROR_DEAD);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("closed: 3 calls got no answer within 300 ms"), std::string::npos) << log;
+  EXPECT_NE(log.find("closed: peer took no data for 300 ms"), std::string::npos) << log;
+  EXPECT_EQ(log.find("answer to no call"), std::string::npos) << log;
+
+  done = true;
+  callbacks.push_back(fickle_callback);
+  for (Object callback : callbacks) ObjectRelease(callback);
+  for (Object root : roots) ObjectRelease(root);
+  close(deaf);
+  for (Counted* client : {&late, &silent, &fickle, &bystander}) EXPECT_EQ(client->Settle(), 0);
+}
+
+// Out of descriptors, the service stops accepting for a while instead of
+// pausing everything: the bystander is served meanwhile, the warning comes
+// once, and the waiting connections are accepted once descriptors free up.
+TEST(IpcPressureTest, OutOfDescriptorsPausesOnlyAccepting) {
+  Served served;
+  const Object bystander = served.Connect();
+  // Served once, so surely accepted before descriptors run out.
+  EXPECT_EQ(Call(bystander, kOpChecksum), Checksum(nullptr, 0));
+  std::vector<int> waiting;
+  for (int i = 0; i < 3; ++i) waiting.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  testing::internal::CaptureStderr();  // its file needs a descriptor
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  const int lowest_free = dup(0);
+  close(lowest_free);
+  rlimit tight = saved;
+  tight.rlim_cur = static_cast<rlim_t>(lowest_free);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  for (int fd : waiting) {
+    EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&served.address), sizeof served.address),
+              0);
+  }
+  const auto until = Clock::now() + milliseconds(500);
+  while (Clock::now() < until) EXPECT_EQ(Call(bystander, kOpChecksum), Checksum(nullptr, 0));
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(Count(log, "W tarnsocket: accept failed: 24"), 1u) << log;
+  const Bytes call = [] {
+    FrameHeader header{0, kFrameInvoke, 1, {}, 1, 0, kOpChecksum, 0};
+    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&header);
+    return Bytes(bytes, bytes + sizeof header);
+  }();
+  for (int fd : waiting) {
+    ASSERT_EQ(send(fd, call.data(), call.size(), MSG_NOSIGNAL), static_cast<ssize_t>(call.size()));
+    FrameHeader answer{};
+    EXPECT_EQ(recv(fd, &answer, sizeof answer, MSG_WAITALL), static_cast<ssize_t>(sizeof answer));
+    EXPECT_EQ(static_cast<int32_t>(answer.code), Checksum(nullptr, 0));
+    close(fd);
+  }
+  ObjectRelease(bystander);
+}
+
+}  // namespace
+}  // namespace tarnsocket::ipc_test
