@@ -64,33 +64,33 @@ uint64_t Mix(uint64_t x) {
   return x;
 }
 
-}  // namespace
-
-ApTraits DeriveTraits(const ScenarioAp& ap) {
-  ApTraits t;
-  std::vector<ElementRef> elements;
-  SplitElements(ap.ies, &elements);  // checked by the parser
-  const uint8_t* bytes = ap.ies.data();
+// Security and capability field, as the elements and the scenario give them.
+void DeriveSecurity(const ScenarioAp& ap, const std::vector<ElementRef>& elements, ApTraits* t) {
   const ElementRef* rsn = FindElement(elements, kIdRsn);
   const bool wpa = FindVendorElement(elements, ap.ies, kWpaPrefix, sizeof(kWpaPrefix)) != nullptr;
   const bool privacy = ap.capability >= 0 && (ap.capability & kCapabilityPrivacy) != 0;
   if (ap.security >= 0) {
-    t.security = ap.security;
+    t->security = ap.security;
   } else if (rsn != nullptr) {
-    t.security = RsnOffersSae(bytes + rsn->offset, rsn->len) ? 4 : 3;
+    t->security = RsnOffersSae(ap.ies.data() + rsn->offset, rsn->len) ? 4 : 3;
   } else if (wpa) {
-    t.security = 2;
+    t->security = 2;
   } else {
-    t.security = privacy ? 1 : 0;
+    t->security = privacy ? 1 : 0;
   }
   if (ap.capability >= 0) {
-    t.capability = static_cast<uint16_t>(ap.capability);
+    t->capability = static_cast<uint16_t>(ap.capability);
   } else {
-    t.capability = kCapabilityEss;
-    if (t.security != 0) t.capability |= kCapabilityPrivacy;
-    if (ap.band == 0) t.capability |= kCapabilityShortSlot;
+    t->capability = kCapabilityEss;
+    if (t->security != 0) t->capability |= kCapabilityPrivacy;
+    if (ap.band == 0) t->capability |= kCapabilityShortSlot;
   }
+}
 
+ApTraits DeriveTraits(const ScenarioAp& ap, const std::vector<ElementRef>& elements) {
+  ApTraits t;
+  const uint8_t* bytes = ap.ies.data();
+  DeriveSecurity(ap, elements, &t);
   const ElementRef* ht_caps = FindElement(elements, kIdHtCapabilities);
   bool he = false;
   for (const ElementRef& e : elements) {
@@ -137,6 +137,15 @@ ApTraits DeriveTraits(const ScenarioAp& ap) {
   return t;
 }
 
+}  // namespace
+
+ApFrame ReadFrame(const ScenarioAp& ap) {
+  ApFrame frame;
+  SplitElements(ap.ies, &frame.elements);  // checked by the parser
+  frame.traits = DeriveTraits(ap, frame.elements);
+  return frame;
+}
+
 VELAMeasurementDetail* MeasureChain(uint32_t chain, int rssi_dbm, unsigned int frequency_mhz,
                                     uint64_t when_us, uint32_t frames) {
   auto* d = new (std::nothrow) VELAMeasurementDetail();
@@ -167,12 +176,12 @@ VELAMeasurementDetail* MeasureChain(uint32_t chain, int rssi_dbm, unsigned int f
   return d;
 }
 
-VELAFullBeaconScanMeasurement* MeasureBeacon(const ScenarioAp& ap, const BeaconContext& context) {
+VELAFullBeaconScanMeasurement* MeasureBeacon(const ScenarioAp& ap, const ApFrame& frame,
+                                             const BeaconContext& context) {
   auto* m = new (std::nothrow) VELAFullBeaconScanMeasurement();
   if (m == nullptr) return nullptr;
-  const ApTraits t = DeriveTraits(ap);
-  std::vector<ElementRef> elements;
-  SplitElements(ap.ies, &elements);
+  const ApTraits& t = frame.traits;
+  const std::vector<ElementRef>& elements = frame.elements;
   const uint32_t frames = context.passive ? 2 : 1;
   // The access point's own clock: it booted some days before the receiver.
   const uint64_t tsf = context.whenUs + Mix(ap.bssid) % (10ULL * 24 * 3600 * 1000000);

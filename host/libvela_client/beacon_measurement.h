@@ -5,7 +5,9 @@
 #define VELA_CLIENT_BEACON_MEASUREMENT_H_
 
 #include <cstdint>
+#include <vector>
 
+#include "information_elements.h"
 #include "ky_loc_fw/vela_measurement.h"
 #include "scenario.h"
 
@@ -32,10 +34,20 @@ struct ApTraits {
   int8_t txPowerDbm = 0;
 };
 
-ApTraits DeriveTraits(const ScenarioAp& ap);
+// What the service knows of an access point's frame before it measures it:
+// the elements and what a receiver derives from them. Read once per access
+// point, so that a scan of many costs only the measurements themselves.
+struct ApFrame {
+  ApTraits traits;
+  std::vector<ElementRef> elements;
+};
 
-// New measurement owned by the caller; null when memory runs out.
-VELAFullBeaconScanMeasurement* MeasureBeacon(const ScenarioAp& ap, const BeaconContext& context);
+ApFrame ReadFrame(const ScenarioAp& ap);
+
+// New measurement owned by the caller; null when memory runs out. frame is
+// ReadFrame(ap).
+VELAFullBeaconScanMeasurement* MeasureBeacon(const ScenarioAp& ap, const ApFrame& frame,
+                                             const BeaconContext& context);
 
 // Details of one receive chain, shared with the ranging measurements.
 VELAMeasurementDetail* MeasureChain(uint32_t chain, int rssi_dbm, unsigned int frequency_mhz,

@@ -17,6 +17,7 @@ using Request = VELADiscoveryScanRequest;
 // Cache answers need no radio time.
 constexpr uint32_t kCacheLatencyDivisor = 10;
 constexpr unsigned int kDefaultRangingFrequency = 2437;
+constexpr uint64_t kNeverSeen = UINT64_MAX;
 
 bool SameSsid(const VELASsid& filter, const std::vector<uint8_t>& ssid) {
   unsigned char bytes[VELASsid::kMaxLength];
@@ -74,13 +75,16 @@ VELAMacAddress FromMac48(Mac48 mac) {
   return out;
 }
 
-Neighbourhood::Neighbourhood(const Scenario& scenario, uint64_t now_us) : scenario_(scenario) {
-  for (const ScenarioAp& ap : scenario_.aps) {
-    if (ap.cached) last_seen_us_[ap.bssid] = now_us;
+Neighbourhood::Neighbourhood(const Scenario& scenario, uint64_t now_us)
+    : scenario_(scenario), last_seen_us_(scenario.aps.size(), kNeverSeen) {
+  frames_.reserve(scenario_.aps.size());
+  for (size_t i = 0; i < scenario_.aps.size(); ++i) {
+    frames_.push_back(ReadFrame(scenario_.aps[i]));
+    if (scenario_.aps[i].cached) last_seen_us_[i] = now_us;
   }
 }
 
-bool Neighbourhood::Scanned(const ScenarioAp& ap, const vela_test::SentRequest& request) const {
+bool Neighbourhood::Scanned(const ScenarioAp& ap, const SentRequest& request) const {
   if (request.hasChannels) {
     for (unsigned int value : request.channels) {
       if (VELAChannelInfo(value).getChannel() == ap.channel) return true;
@@ -97,7 +101,7 @@ bool Neighbourhood::Scanned(const ScenarioAp& ap, const vela_test::SentRequest& 
   }
 }
 
-bool Neighbourhood::Reportable(const ScenarioAp& ap, const vela_test::SentRequest& request,
+bool Neighbourhood::Reportable(const ScenarioAp& ap, const SentRequest& request,
                                bool hidden_allowed) const {
   if (ap.hidden && !hidden_allowed) return false;
   if (!request.ssidFilter.empty() &&
@@ -113,28 +117,29 @@ bool Neighbourhood::Reportable(const ScenarioAp& ap, const vela_test::SentReques
   return true;
 }
 
-std::vector<const ScenarioAp*> Neighbourhood::CachedMatches(const vela_test::SentRequest& request,
-                                                            uint64_t now_us, bool hidden_allowed,
-                                                            std::vector<uint32_t>* ages_ms) const {
-  std::vector<const ScenarioAp*> matches;
+std::vector<size_t> Neighbourhood::CachedMatches(const SentRequest& request, uint64_t now_us,
+                                                 bool hidden_allowed,
+                                                 std::vector<uint32_t>* ages_ms) const {
+  std::vector<size_t> matches;
   ages_ms->clear();
-  for (const ScenarioAp& ap : scenario_.aps) {
-    const auto seen = last_seen_us_.find(ap.bssid);
-    if (seen == last_seen_us_.end() || !Scanned(ap, request) ||
+  for (size_t i = 0; i < scenario_.aps.size(); ++i) {
+    const ScenarioAp& ap = scenario_.aps[i];
+    const uint64_t seen_us = last_seen_us_[i];
+    if (seen_us == kNeverSeen || !Scanned(ap, request) ||
         !Reportable(ap, request, hidden_allowed)) {
       continue;
     }
-    const uint64_t age_us = now_us > seen->second ? now_us - seen->second : 0;
+    const uint64_t age_us = now_us > seen_us ? now_us - seen_us : 0;
     if (request.ageFilter != 0 && age_us > static_cast<uint64_t>(request.ageFilter) * 1000) {
       continue;
     }
-    matches.push_back(&ap);
+    matches.push_back(i);
     ages_ms->push_back(static_cast<uint32_t>(std::min<uint64_t>(age_us / 1000, UINT32_MAX)));
   }
   return matches;
 }
 
-Answer Neighbourhood::FreshAnswer(const vela_test::SentRequest& request, uint64_t now_us,
+Answer Neighbourhood::FreshAnswer(const SentRequest& request, uint64_t now_us,
                                   bool hidden_allowed) {
   Answer answer;
   auto* response = new (std::nothrow) VELADiscoveryScanResponse(request.requestId);
@@ -150,26 +155,26 @@ Answer Neighbourhood::FreshAnswer(const vela_test::SentRequest& request, uint64_
   }
   const uint64_t done_us = now_us + static_cast<uint64_t>(scenario_.latencyMs) * 1000;
   response->scanTimestamp = done_us;
-  for (const ScenarioAp& ap : scenario_.aps) {
+  for (size_t i = 0; i < scenario_.aps.size(); ++i) {
+    const ScenarioAp& ap = scenario_.aps[i];
     if (!Scanned(ap, request)) continue;
-    last_seen_us_[ap.bssid] = done_us;
+    last_seen_us_[i] = done_us;
     if (!Reportable(ap, request, hidden_allowed)) continue;
     BeaconContext context;
     context.whenUs = done_us;
     context.sequence = ++sequence_;
     context.passive = request.scanType == Request::SCAN_TYPE_PASSIVE;
-    Append(&response->measurements, MeasureBeacon(ap, context));
+    Append(&response->measurements, MeasureBeacon(ap, frames_[i], context));
   }
   return answer;
 }
 
-Answer Neighbourhood::AnswerDiscovery(const vela_test::SentRequest& request, uint64_t now_us) {
+Answer Neighbourhood::AnswerDiscovery(const SentRequest& request, uint64_t now_us) {
   if (request.kind == Request::KIND_FRESH_SCAN) {
     return FreshAnswer(request, now_us, request.scanFlag);
   }
   std::vector<uint32_t> ages;
-  const std::vector<const ScenarioAp*> cached =
-      CachedMatches(request, now_us, request.cacheFlag, &ages);
+  const std::vector<size_t> cached = CachedMatches(request, now_us, request.cacheFlag, &ages);
   if (request.kind == Request::KIND_CACHE_FALLBACK &&
       cached.size() < std::max<size_t>(1, request.fallbackParam)) {
     return FreshAnswer(request, now_us, request.scanFlag);
@@ -186,7 +191,8 @@ Answer Neighbourhood::AnswerDiscovery(const vela_test::SentRequest& request, uin
     context.whenUs = now_us - static_cast<uint64_t>(ages[i]) * 1000;
     context.ageMs = ages[i];
     context.sequence = ++sequence_;
-    Append(&response->measurements, MeasureBeacon(*cached[i], context));
+    Append(&response->measurements,
+           MeasureBeacon(scenario_.aps[cached[i]], frames_[cached[i]], context));
   }
   return answer;
 }
@@ -252,7 +258,7 @@ VELAScanMeasurement* Neighbourhood::MeasureRange(const VELANodeInfo& node, uint6
   return m;
 }
 
-Answer Neighbourhood::AnswerRanging(const vela_test::SentRequest& request, uint64_t now_us) {
+Answer Neighbourhood::AnswerRanging(const SentRequest& request, uint64_t now_us) {
   Answer answer;
   auto* response = new (std::nothrow) VELARangingScanResponse(request.requestId);
   if (response == nullptr) return answer;

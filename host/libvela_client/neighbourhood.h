@@ -4,12 +4,14 @@
 #ifndef VELA_CLIENT_NEIGHBOURHOOD_H_
 #define VELA_CLIENT_NEIGHBOURHOOD_H_
 
+#include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
+#include <vector>
 
+#include "beacon_measurement.h"
+#include "control_seam.h"
 #include "ky_loc_fw/vela_response.h"
-#include "ky_loc_fw/vela_test_control.h"
 #include "scenario.h"
 
 namespace ky_loc_fw {
@@ -32,24 +34,24 @@ class Neighbourhood {
   Neighbourhood(const Scenario& scenario, uint64_t now_us);
 
   // Not thread-safe; the client serialises calls.
-  Answer AnswerDiscovery(const vela_test::SentRequest& request, uint64_t now_us);
-  Answer AnswerRanging(const vela_test::SentRequest& request, uint64_t now_us);
+  Answer AnswerDiscovery(const SentRequest& request, uint64_t now_us);
+  Answer AnswerRanging(const SentRequest& request, uint64_t now_us);
 
   const Scenario& scenario() const { return scenario_; }
 
  private:
-  bool Scanned(const ScenarioAp& ap, const vela_test::SentRequest& request) const;
-  bool Reportable(const ScenarioAp& ap, const vela_test::SentRequest& request,
-                  bool hidden_allowed) const;
-  // Cached access points that the request may see; ages in *ages_ms.
-  std::vector<const ScenarioAp*> CachedMatches(const vela_test::SentRequest& request,
-                                               uint64_t now_us, bool hidden_allowed,
-                                               std::vector<uint32_t>* ages_ms) const;
-  Answer FreshAnswer(const vela_test::SentRequest& request, uint64_t now_us, bool hidden_allowed);
+  bool Scanned(const ScenarioAp& ap, const SentRequest& request) const;
+  bool Reportable(const ScenarioAp& ap, const SentRequest& request, bool hidden_allowed) const;
+  // Positions of the cached access points that the request may see; ages
+  // in *ages_ms.
+  std::vector<size_t> CachedMatches(const SentRequest& request, uint64_t now_us,
+                                    bool hidden_allowed, std::vector<uint32_t>* ages_ms) const;
+  Answer FreshAnswer(const SentRequest& request, uint64_t now_us, bool hidden_allowed);
   VELAScanMeasurement* MeasureRange(const VELANodeInfo& node, uint64_t when_us);
 
   Scenario scenario_;
-  std::map<Mac48, uint64_t> last_seen_us_;
+  std::vector<ApFrame> frames_;         // one per access point, in scenario order
+  std::vector<uint64_t> last_seen_us_;  // likewise; kNeverSeen until a scan sees it
   uint32_t sequence_ = 0;
 };
 

@@ -1,11 +1,11 @@
 // What the simulated location service answers: its access points, ranging
-// answers, latency and injected faults, read from the line-oriented text
-// described in README.md.
+// answers, latency and injected faults. scenario_parser.h reads it from the
+// line-oriented text described in README.md.
 #ifndef VELA_CLIENT_SCENARIO_H_
 #define VELA_CLIENT_SCENARIO_H_
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -78,20 +78,13 @@ struct Scenario {
 };
 
 // Limits that keep a hostile file from exhausting memory.
-constexpr size_t kMaxScenarioBytes = 1 << 20;
-constexpr size_t kMaxAccessPoints = 512;
+constexpr size_t kMaxScenarioBytes = 32u << 20;
+constexpr size_t kMaxAccessPoints = 100000;
 constexpr size_t kMaxRanges = 512;
 constexpr size_t kMaxFaults = 512;
-
-// Parses text into *out. On failure returns false with *error set to
-// "line N: what is wrong" and *out unspecified.
-bool ParseScenario(const std::string& text, Scenario* out, std::string* error);
-
-// Reads and parses a file; errors name the path.
-bool LoadScenarioFile(const char* path, Scenario* out, std::string* error);
-
-// The built-in neighbourhood's text.
-const std::string& DefaultScenarioText();
+constexpr size_t kMaxSsidBytes = 32;
+constexpr size_t kMaxIeBytes = 2048;            // one access point
+constexpr size_t kMaxTotalIeBytes = 64u << 20;  // all of them
 
 }  // namespace vela_sim
 }  // namespace ky_loc_fw

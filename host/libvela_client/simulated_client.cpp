@@ -3,7 +3,7 @@
 #include <new>
 #include <utility>
 
-#include "control_state.h"
+#include "distinct_measurements.h"
 #include "ky_loc_fw/log.h"
 
 namespace ky_loc_fw {
@@ -28,18 +28,18 @@ constexpr int kOddType = 3;
 void AddOddMeasurements(ky_loc_fw::vector<VELAScanMeasurement*>* list, bool discovery,
                         uint32_t seed) {
   ky_loc_fw::vector<VELAScanMeasurement*> mixed;
-  mixed.push_back(vela_test::MakeMeasurementOfType(kOddType));
+  mixed.push_back(NewMeasurementOfType(kOddType));
   for (uint32_t i = 0; i < list->getCount(); ++i) mixed.push_back((*list)[i]);
   if (discovery) {
     auto* plain = new VELAScanMeasurement();
-    vela_test::FillDistinct(plain, seed);
+    FillDistinct(plain, seed);
     mixed.push_back(plain);
     auto* ranging = new VELARangingScanMeasurement();
-    vela_test::FillDistinct(ranging, seed + 1);
+    FillDistinct(ranging, seed + 1);
     mixed.push_back(ranging);
   } else {
     auto* beacon = new VELAFullBeaconScanMeasurement();
-    vela_test::FillDistinct(beacon, seed);
+    FillDistinct(beacon, seed);
     mixed.push_back(beacon);
   }
   *list = mixed;  // copies the pointers; the response owns them all
@@ -47,7 +47,7 @@ void AddOddMeasurements(ky_loc_fw::vector<VELAScanMeasurement*>* list, bool disc
 
 }  // namespace
 
-bool CopyRequest(const VELARequest& request, vela_test::SentRequest* out) {
+bool CopyRequest(const VELARequest& request, SentRequest* out) {
   out->requestId = request.getRequestId();
   out->requestType = request.getRequestType();
   switch (out->requestType) {
@@ -94,11 +94,11 @@ SimulatedClient::SimulatedClient(const Scenario& scenario, std::shared_ptr<Deliv
     : queue_(std::move(queue)), neighbourhood_(scenario, NowUs()) {}
 
 SimulatedClient::~SimulatedClient() {
-  UnregisterClient(this);
+  if (ControlObserver* control = GetControlObserver()) control->ClientDestroyed(this);
   queue_->Stop();
 }
 
-std::vector<Answer> SimulatedClient::AnswersFor(const vela_test::SentRequest& request) {
+std::vector<Answer> SimulatedClient::AnswersFor(const SentRequest& request) {
   const Scenario& scenario = neighbourhood_.scenario();  // never changes after construction
   const uint32_t id = request.requestId;
   const bool discovery = request.requestType == VELARequest::REQUEST_TYPE_DISCOVERY_SCAN;
@@ -121,7 +121,7 @@ std::vector<Answer> SimulatedClient::AnswersFor(const vela_test::SentRequest& re
         answer.response.reset(new VELADiscoveryScanResponse(id));
       }
     } else if (scenario.HasFault(FaultKind::kOddType, id)) {
-      answer.response.reset(vela_test::MakeResponseOfType(id, kOddType));
+      answer.response.reset(NewResponseOfType(id, kOddType));
     } else if (answer.response != nullptr) {
       int32_t status;
       const bool odd = scenario.HasFault(FaultKind::kOddMeasurement, id);
@@ -148,16 +148,16 @@ int SimulatedClient::sendRequest(VELARequest* request) {
     log_error("vela", "null request refused\n");
     return -1;
   }
-  vela_test::SentRequest copy;
+  SentRequest copy;
   if (!CopyRequest(*request, &copy)) {
     log_error("vela", "request %u of unknown type %d refused\n", request->getRequestId(),
               request->getRequestType());
     return -1;
   }
-  const vela_test::SendHook hook = RecordRequest(copy);
-  vela_test::SendAction action;
+  ControlObserver* control = GetControlObserver();
+  SendAction action;
   if (neighbourhood_.scenario().HasFault(FaultKind::kRefuse, copy.requestId)) action.result = -1;
-  if (hook) hook(copy, &action);
+  if (control != nullptr) control->RequestSent(copy, &action);
 
   const DeliveryQueue::Clock::time_point now = DeliveryQueue::Clock::now();
   uint64_t last_early = 0;
@@ -166,7 +166,7 @@ int SimulatedClient::sendRequest(VELARequest* request) {
   }
   if (action.result == 0 && action.automaticAnswer) {
     for (Answer& answer : AnswersFor(copy)) {
-      if (HoldIfHeld(this, &answer.response)) continue;
+      if (control != nullptr && control->Hold(this, &answer.response)) continue;
       queue_->Schedule(std::move(answer.response), now + std::chrono::milliseconds(answer.delayMs));
     }
   }

@@ -6,9 +6,9 @@
 #include <memory>
 #include <mutex>
 
+#include "control_seam.h"
 #include "delivery_queue.h"
 #include "ky_loc_fw/vela_client.h"
-#include "ky_loc_fw/vela_test_control.h"
 #include "neighbourhood.h"
 #include "scenario.h"
 
@@ -16,7 +16,7 @@ namespace ky_loc_fw {
 namespace vela_sim {
 
 // Copies every value of request; false for a request of unknown type.
-bool CopyRequest(const VELARequest& request, vela_test::SentRequest* out);
+bool CopyRequest(const VELARequest& request, SentRequest* out);
 
 class SimulatedClient : public VELAClient {
  public:
@@ -27,7 +27,7 @@ class SimulatedClient : public VELAClient {
 
  private:
   // The automatic answers to request, faults applied; each with its delay.
-  std::vector<Answer> AnswersFor(const vela_test::SentRequest& request);
+  std::vector<Answer> AnswersFor(const SentRequest& request);
 
   std::shared_ptr<DeliveryQueue> queue_;
   std::mutex mutex_;  // guards neighbourhood_

@@ -4,8 +4,9 @@
 #include <new>
 #include <string>
 
-#include "control_state.h"
+#include "control_seam.h"
 #include "ky_loc_fw/log.h"
+#include "scenario_parser.h"
 #include "simulated_client.h"
 
 namespace ky_loc_fw {
@@ -16,7 +17,8 @@ namespace {
 // VELA_SCENARIO, else the built-in neighbourhood.
 bool LoadScenario(vela_sim::Scenario* scenario, std::string* source, std::string* error) {
   std::string text;
-  if (vela_sim::ScenarioOverride(&text)) {
+  vela_sim::ControlObserver* control = vela_sim::GetControlObserver();
+  if (control != nullptr && control->ScenarioText(&text)) {
     *source = "set by the test";
     return vela_sim::ParseScenario(text, scenario, error);
   }
@@ -68,7 +70,9 @@ VELAClient* VELAClient::createInstance(VELAClientListener* listener, bool autoRe
     log_error("vela", "out of memory\n");
     return nullptr;
   }
-  vela_sim::RegisterClient(client, queue);
+  if (vela_sim::ControlObserver* control = vela_sim::GetControlObserver()) {
+    control->ClientCreated(client, queue);
+  }
   log_info("vela", "connected (scenario %s: %zu access points, latency %u ms%s)\n", source.c_str(),
            scenario.aps.size(), scenario.latencyMs, autoReconnect ? ", reconnecting" : "");
   return client;

@@ -68,6 +68,7 @@ class DispatcherTest : public ::testing::Test {
   void Fresh() {
     vela_test::WaitIdle();
     vela_test::Reset();
+    vela_test::RecordRequests();
     vela_test::HoldAnswers(true);
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.clear();

@@ -99,6 +99,7 @@ class ScanObjectTest : public ::testing::Test {
     if (!IsNullObject(handle_)) ObjectRelease(handle_);
     handle_ = kNullObject;
     vt::Reset();
+    vt::RecordRequests();
     vt::SetSendHook([send_result](const vt::SentRequest&, vt::SendAction* action) {
       *action = {send_result, /*automaticAnswer=*/false, {}};
     });

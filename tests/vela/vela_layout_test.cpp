@@ -127,7 +127,7 @@ TEST(VelaLayout, ScanMeasurementFieldsFollowTheTableAfterTheVtable) {
   for (size_t i : {26u, 31u, 32u, 33u}) EXPECT_EQ(fields[i].size, 8u) << "field " << i;
 
   EXPECT_EQ(fields[32].offset, sizeof(VELAScanMeasurement));  // the beacon's own fields
-  EXPECT_EQ(fields[34].offset, fields[32].offset + 16);        // follow 8 unread bytes
+  EXPECT_EQ(fields[34].offset, fields[32].offset + 16);       // follow 8 unread bytes
 
   VELARangingScanMeasurement r;
   EXPECT_EQ(OffsetIn(r, r.unreadRanging), sizeof(VELAScanMeasurement));

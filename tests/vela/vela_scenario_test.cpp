@@ -2,11 +2,13 @@
 // bad files reported with its line.
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "host/libvela_client/scenario.h"
+#include "host/libvela_client/information_elements.h"
+#include "host/libvela_client/scenario_parser.h"
 #include "ky_loc_fw/vela_test_control.h"
 
 namespace ky_loc_fw {
@@ -25,13 +27,64 @@ TEST(VelaScenario, ReportsTheFirstErrorWithItsLine) {
       {ap + " ies=0005414243", "line 1: ies: the last element runs past the end"},
       {ap + "\n" + ap, "line 2: access point 00:11:22:33:44:55 already defined on line 1"},
       {"fault null 3-1", "line 1: bad request ids '3-1' (*, N, N-M, comma-separated)"},
-      {std::string(kMaxScenarioBytes + 1, '#'), "line 0: scenario longer than 1048576 bytes"},
+      {"repeat 5", "line 1: repeat needs access points before it"},
+      {ap + "\nrepeat 100001",
+       "line 2: repeat takes the number of access points wanted, at most 100000"},
+      {"ap bssid=0a:00:00:00:00:02 channel=1\n" + ap + "\nrepeat 3",
+       "line 3: access point 0a:00:00:00:00:02 already defined on line 1"},
+      {"builtin\n" + ap + " vendor=zz",
+       "line 2: vendor needs an even number of hex digits, at most 252 bytes"},
   };
   for (const Case& c : cases) {
     Scenario scenario;
     std::string error;
     EXPECT_FALSE(ParseScenario(c.text, &scenario, &error)) << c.error;
     EXPECT_EQ(error, c.error);
+  }
+  Scenario scenario;
+  std::string error;
+  EXPECT_FALSE(ParseScenario(std::string(kMaxScenarioBytes + 1, '#'), &scenario, &error));
+  EXPECT_EQ(error, "line 0: scenario longer than " + std::to_string(kMaxScenarioBytes) + " bytes");
+}
+
+// Copies keep each original's frame but get an address, a name and (on
+// 2.4 GHz) a channel of their own, in the elements too.
+TEST(VelaScenario, RepeatsTheBuiltInFramesIntoALargeNeighbourhood) {
+  Scenario s;
+  std::string error;
+  ASSERT_TRUE(ParseScenario("builtin\nlatency 0\nrepeat 10000\n", &s, &error)) << error;
+  ASSERT_EQ(s.aps.size(), 10000u);
+  EXPECT_EQ(s.latencyMs, 0u);
+  Scenario builtin;
+  ASSERT_TRUE(ParseScenario(DefaultScenarioText(), &builtin, &error)) << error;
+  const size_t n = builtin.aps.size();
+  std::set<Mac48> bssids;
+  for (const ScenarioAp& ap : s.aps) bssids.insert(ap.bssid);
+  EXPECT_EQ(bssids.size(), s.aps.size());
+  for (size_t i : {n, 3 * n + 5, s.aps.size() - 1}) {
+    const ScenarioAp& copy = s.aps[i];
+    const ScenarioAp& original = builtin.aps[i % n];
+    const std::string suffix = "-" + std::to_string(i / n);
+    const std::string name(copy.ssid.begin(), copy.ssid.end());
+    if (!original.hidden) {
+      EXPECT_EQ(name.substr(name.size() - suffix.size()), suffix) << i;
+    }
+    std::vector<ElementRef> elements;
+    ASSERT_TRUE(SplitElements(copy.ies, &elements)) << i;
+    const ElementRef* ssid = FindElement(elements, 0);
+    ASSERT_NE(ssid, nullptr) << i;
+    EXPECT_EQ(
+        std::string(copy.ies.begin() + ssid->offset, copy.ies.begin() + ssid->offset + ssid->len),
+        name)
+        << i;
+    const ElementRef* ds = FindElement(elements, 3);
+    if (ds != nullptr) {
+      EXPECT_EQ(copy.ies[ds->offset], copy.channel) << i;
+    }
+    if (original.band == 1) {
+      EXPECT_EQ(copy.channel, original.channel) << i;
+    }
+    EXPECT_EQ(copy.ies.size() - copy.ssid.size(), original.ies.size() - original.ssid.size()) << i;
   }
 }
 

@@ -1,13 +1,9 @@
-// Builders of vela_test_control.h: responses and measurements with chosen
-// values.
-#include <cstdio>
-#include <cstring>
-#include <type_traits>
+#include "distinct_measurements.h"
 
-#include "ky_loc_fw/vela_test_control.h"
+#include <string>
 
 namespace ky_loc_fw {
-namespace vela_test {
+namespace vela_sim {
 
 const uint8_t kVendorOui[3] = {TESK_VENDOR_OUI_BYTES};
 
@@ -81,87 +77,48 @@ VELAMeasurementDetail* DistinctDetail(Counter* c) {
 
 void AddElement(ky_loc_fw::vector<VELAInfoElement*>* list, uint8_t id,
                 const std::vector<uint8_t>& data) {
-  VELAInfoElement* e = MakeElement(id, data);
+  VELAInfoElement* e = NewElement(id, data);
   if (list->push_back(e) != 0) delete e;
 }
 
-}  // namespace
-
-// VELASsid's stored state, field for field; the interface header keeps its
-// fields private, and the layout test pins this order.
-struct SsidState {
-  uint8_t bytes[VELASsid::kMaxLength];
-  int32_t length;
-  bool valid;
-};
-static_assert(sizeof(SsidState) == sizeof(VELASsid), "VELASsid's fields");
-static_assert(std::is_trivially_copyable<VELASsid>::value, "VELASsid is copied bytewise");
-
-void SsidAccess::Set(VELASsid* ssid, const unsigned char* bytes, int length, bool valid) {
-  SsidState state{};
-  if (bytes != nullptr && length > 0) {
-    std::memcpy(state.bytes, bytes,
-                static_cast<size_t>(length < VELASsid::kMaxLength ? length : VELASsid::kMaxLength));
-  }
-  state.length = length;
-  state.valid = valid;
-  std::memcpy(static_cast<void*>(ssid), &state, sizeof state);
-}
-
-VELAResponse* MakeResponseOfType(unsigned int id, int type) {
-  return new OddTypeResponse(id, type);
-}
-
-VELAScanMeasurement* MakeMeasurementOfType(int type) {
-  return new OddTypeMeasurement(type);
-}
-
-VELAInfoElement* MakeElement(uint8_t id, const std::vector<uint8_t>& data) {
-  const size_t len = data.size() > 255 ? 255 : data.size();
-  return new VELAInfoElement(id, data.data(), static_cast<uint8_t>(len));
-}
-
-VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24) {
+VELAMacAddress Mac(uint32_t hi24, uint32_t lo24) {
   VELAMacAddress mac;
   mac.setMac(static_cast<int>(hi24), static_cast<int>(lo24));
   return mac;
 }
 
-bool ParseMac(const std::string& text, VELAMacAddress* mac) {
-  unsigned int o[6];
-  char tail;
-  if (text.size() != 17 || std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &o[0], &o[1],
-                                       &o[2], &o[3], &o[4], &o[5], &tail) != 6) {
-    return false;
-  }
-  *mac = MakeMac(o[0] << 16 | o[1] << 8 | o[2], o[3] << 16 | o[4] << 8 | o[5]);
-  return true;
-}
-
-VELASsid MakeSsid(const std::string& bytes) {
+VELASsid Ssid(const std::string& bytes) {
   VELASsid ssid;
   ssid.setSSID(reinterpret_cast<const unsigned char*>(bytes.data()),
                static_cast<int>(bytes.size() > 32 ? 32 : bytes.size()));
   return ssid;
 }
 
-std::string SsidBytes(const VELASsid& ssid) {
-  unsigned char buf[VELASsid::kMaxLength];
-  int len = 0;
-  if (ssid.getSSID(buf, &len) != 0) return std::string();
-  return std::string(reinterpret_cast<const char*>(buf), static_cast<size_t>(len));
+}  // namespace
+
+VELAResponse* NewResponseOfType(unsigned int id, int type) {
+  return new OddTypeResponse(id, type);
+}
+
+VELAScanMeasurement* NewMeasurementOfType(int type) {
+  return new OddTypeMeasurement(type);
+}
+
+VELAInfoElement* NewElement(uint8_t id, const std::vector<uint8_t>& data) {
+  const size_t len = data.size() > 255 ? 255 : data.size();
+  return new VELAInfoElement(id, data.data(), static_cast<uint8_t>(len));
 }
 
 void FillDistinct(VELAScanMeasurement* m, uint32_t seed) {
   Counter c(seed);
-  m->bssid = MakeMac(c.u32() & 0xFFFFFF, c.u32() & 0xFFFFFF);
+  m->bssid = Mac(c.u32() & 0xFFFFFF, c.u32() & 0xFFFFFF);
   m->value32_2 = c.u32();
   m->unreadField3 = c.u32();
   m->value8_8 = c.u8();
   m->value8_9 = c.u8();
   m->value32_5 = c.u32();
   m->value32_6 = c.u32();
-  m->ssid = MakeSsid("ssid-" + std::to_string(seed));
+  m->ssid = Ssid("ssid-" + std::to_string(seed));
   m->value8_7 = c.u8();
   m->value8_3 = c.u8();
   for (int i = 0; i < 2; ++i) {
@@ -183,8 +140,8 @@ void FillDistinct(VELAScanMeasurement* m, uint32_t seed) {
   m->value8_6 = c.u8();
   delete m->elementA;
   delete m->elementB;
-  m->elementA = MakeElement(48, Bytes(&c, 20));
-  m->elementB = MakeElement(45, Bytes(&c, 26));
+  m->elementA = NewElement(48, Bytes(&c, 20));
+  m->elementB = NewElement(45, Bytes(&c, 26));
   m->unreadField26 = c.u64();
   m->value32_4 = c.u32();
   m->value32_8 = c.u32();
@@ -210,29 +167,9 @@ void FillDistinct(VELAScanMeasurement* m, uint32_t seed) {
     ranging->unreadRanging[0] = c.u64();
     ranging->unreadRanging[1] = c.u64();
     ranging->macList.push_back(m->bssid);
-    ranging->macList.push_back(MakeMac(c.u32() & 0xFFFFFF, c.u32() & 0xFFFFFF));
+    ranging->macList.push_back(Mac(c.u32() & 0xFFFFFF, c.u32() & 0xFFFFFF));
   }
 }
 
-VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed) {
-  auto* response = new VELADiscoveryScanResponse(id);
-  for (size_t i = 0; i < count; ++i) {
-    auto* m = new VELAFullBeaconScanMeasurement();
-    FillDistinct(m, seed + static_cast<uint32_t>(i));
-    if (response->measurements.push_back(m) != 0) delete m;
-  }
-  return response;
-}
-
-VELARangingScanResponse* MakeRangingResponse(unsigned int id, size_t count, uint32_t seed) {
-  auto* response = new VELARangingScanResponse(id);
-  for (size_t i = 0; i < count; ++i) {
-    auto* m = new VELARangingScanMeasurement();
-    FillDistinct(m, seed + static_cast<uint32_t>(i));
-    if (response->measurements.push_back(m) != 0) delete m;
-  }
-  return response;
-}
-
-}  // namespace vela_test
+}  // namespace vela_sim
 }  // namespace ky_loc_fw

@@ -1,11 +1,13 @@
-// Host only: lets tests watch and steer the simulated location service that
-// stands behind VELAClient on the host.
+// Host only, for tests: lets them watch and steer the simulated location
+// service that stands behind VELAClient on the host. Linking the testing
+// library installs the control; the library that the daemon loads records
+// and holds nothing by itself.
 //
-// The control is process-wide. Requests are recorded from every client;
-// deliveries go to the most recently created client still alive (the one a
-// daemon under test created). Functions that wait block without a time limit
-// and must not be called on the delivery thread (from inside
-// responseReceived), except where a comment says otherwise.
+// The control is process-wide. Requests are recorded from every client, once
+// a test asked for it; deliveries go to the most recently created client
+// still alive (the one a daemon under test created). Functions that wait
+// block without a time limit and must not be called on the delivery thread
+// (from inside responseReceived), except where a comment says otherwise.
 #ifndef KY_LOC_FW_VELA_TEST_CONTROL_H_
 #define KY_LOC_FW_VELA_TEST_CONTROL_H_
 
@@ -15,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "host/libvela_client/control_seam.h"
 #include "ky_loc_fw/vela_client.h"
 
 namespace ky_loc_fw {
@@ -25,59 +28,28 @@ namespace vela_test {
 extern const uint8_t kVendorOui[3];
 
 // A copy of every value of one request, taken inside sendRequest.
-struct SentRequest {
-  unsigned int requestId = 0;
-  int requestType = 0;  // VELARequest::eRequestType
-
-  // Discovery scans.
-  VELADiscoveryScanRequest::eRequestKind kind = VELADiscoveryScanRequest::KIND_FRESH_SCAN;
-  bool hasChannels = false;
-  std::vector<unsigned int> channels;  // the values the VELAChannelInfo entries were made from
-  VELADiscoveryScanRequest::eBand band = VELADiscoveryScanRequest::BAND_ALL;
-  VELADiscoveryScanRequest::eScanType scanType = VELADiscoveryScanRequest::SCAN_TYPE_ACTIVE;
-  unsigned int ageFilter = 0;
-  unsigned int fallbackParam = 0;
-  long timeout = 0;
-  VELADiscoveryScanRequest::eRequestMode requestMode =
-      VELADiscoveryScanRequest::REQUEST_MODE_NORMAL;
-  bool cacheFlag = false;
-  bool scanFlag = false;
-  std::vector<VELASsid> ssidFilter;
-  std::vector<VELAMacAddress> bssidFilter;
-
-  // Ranging scans: nodes for one-shot requests, periodicNodes for periodic
-  // ones.
-  std::vector<VELANodeInfo> nodes;
-  std::vector<VELAPeriodicNodeInfo> periodicNodes;
-  long timestamp = 0;
-};
-
-// What sendRequest does with one request; a SendHook may change it.
-struct SendAction {
-  // Returned by sendRequest; nonzero refuses the request, and then no
-  // automatic answer follows.
-  int result = 0;
-  // Answer as the scenario says (after its latency, with its faults).
-  bool automaticAnswer = true;
-  // Delivered in this order on the delivery thread before sendRequest
-  // returns: sendRequest waits until the listener has been called with the
-  // last of them (it does not wait for that call to end). Null entries
-  // deliver a null response. The client takes ownership. Don't use this while
-  // another delivery may be blocked on a lock that sendRequest's caller holds.
-  std::vector<VELAResponse*> beforeReturn;
-};
+using SentRequest = vela_sim::SentRequest;
+// What sendRequest does with one request; a SendHook may change it. Don't
+// put responses in its beforeReturn while another delivery may be blocked on
+// a lock that sendRequest's caller holds.
+using SendAction = vela_sim::SendAction;
 
 // Called inside sendRequest, on the caller's thread, after the request has
 // been recorded and before anything is answered.
 using SendHook = std::function<void(const SentRequest& request, SendAction* action)>;
 
-// Forgets recorded requests, removes the hook, stops holding and drops held
-// answers. Scenario text set by SetScenarioText stays.
+// Stops recording and forgets recorded requests, removes the hook, stops
+// holding and drops held answers. Scenario text set by SetScenarioText stays.
 void Reset();
+
+// Records every request sent from now until the next Reset, the first
+// kMaxRecordedRequests of them.
+constexpr size_t kMaxRecordedRequests = 4096;
+void RecordRequests();
 
 void SetSendHook(SendHook hook);
 
-// Requests recorded since the last Reset, in the order they were sent.
+// Requests recorded since RecordRequests, in the order they were sent.
 std::vector<SentRequest> SentRequests();
 // Blocks until request number index (from 0) has been recorded; returns it.
 SentRequest WaitForRequest(size_t index);
@@ -128,11 +100,8 @@ VELASsid MakeSsid(const std::string& bytes);  // valid; at most 32 bytes
 // The SSID's bytes; empty when it is not valid.
 std::string SsidBytes(const VELASsid& ssid);
 
-// Puts a distinct value, derived from seed, in every value field of m (the
-// unread ones included), two details, 12 raw bytes and both elements; a full
-// beacon also gets beaconTsf and four information elements (SSID, DS
-// parameter set, one vendor element of 30 data bytes with kVendorOui, one
-// other vendor element); a ranging measurement gets two addresses.
+// Puts a distinct value, derived from seed, in every field of m; see
+// host/libvela_client/distinct_measurements.h.
 void FillDistinct(VELAScanMeasurement* m, uint32_t seed);
 // Responses holding count measurements filled by FillDistinct with seeds
 // seed, seed + 1, ...: full beacons for discovery, ranging measurements for

@@ -1,0 +1,108 @@
+// Builders of vela_test_control.h: responses and measurements with chosen
+// values.
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+#include "host/libvela_client/distinct_measurements.h"
+#include "ky_loc_fw/vela_test_control.h"
+
+namespace ky_loc_fw {
+namespace vela_test {
+
+const uint8_t kVendorOui[3] = {TESK_VENDOR_OUI_BYTES};
+
+namespace {
+
+// VELASsid's stored state, field for field; the interface header keeps its
+// fields private.
+struct SsidState {
+  uint8_t bytes[VELASsid::kMaxLength];
+  int32_t length;
+  bool valid;
+};
+static_assert(sizeof(SsidState) == sizeof(VELASsid), "VELASsid's fields");
+static_assert(std::is_trivially_copyable<VELASsid>::value, "VELASsid is copied bytewise");
+
+}  // namespace
+
+void SsidAccess::Set(VELASsid* ssid, const unsigned char* bytes, int length, bool valid) {
+  SsidState state{};
+  if (bytes != nullptr && length > 0) {
+    std::memcpy(state.bytes, bytes,
+                static_cast<size_t>(length < VELASsid::kMaxLength ? length : VELASsid::kMaxLength));
+  }
+  state.length = length;
+  state.valid = valid;
+  std::memcpy(static_cast<void*>(ssid), &state, sizeof state);
+}
+
+VELAResponse* MakeResponseOfType(unsigned int id, int type) {
+  return vela_sim::NewResponseOfType(id, type);
+}
+
+VELAScanMeasurement* MakeMeasurementOfType(int type) {
+  return vela_sim::NewMeasurementOfType(type);
+}
+
+VELAInfoElement* MakeElement(uint8_t id, const std::vector<uint8_t>& data) {
+  return vela_sim::NewElement(id, data);
+}
+
+VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24) {
+  VELAMacAddress mac;
+  mac.setMac(static_cast<int>(hi24), static_cast<int>(lo24));
+  return mac;
+}
+
+bool ParseMac(const std::string& text, VELAMacAddress* mac) {
+  unsigned int o[6];
+  char tail;
+  if (text.size() != 17 || std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &o[0], &o[1],
+                                       &o[2], &o[3], &o[4], &o[5], &tail) != 6) {
+    return false;
+  }
+  *mac = MakeMac(o[0] << 16 | o[1] << 8 | o[2], o[3] << 16 | o[4] << 8 | o[5]);
+  return true;
+}
+
+VELASsid MakeSsid(const std::string& bytes) {
+  VELASsid ssid;
+  ssid.setSSID(reinterpret_cast<const unsigned char*>(bytes.data()),
+               static_cast<int>(bytes.size() > 32 ? 32 : bytes.size()));
+  return ssid;
+}
+
+std::string SsidBytes(const VELASsid& ssid) {
+  unsigned char buf[VELASsid::kMaxLength];
+  int len = 0;
+  if (ssid.getSSID(buf, &len) != 0) return std::string();
+  return std::string(reinterpret_cast<const char*>(buf), static_cast<size_t>(len));
+}
+
+void FillDistinct(VELAScanMeasurement* m, uint32_t seed) {
+  vela_sim::FillDistinct(m, seed);
+}
+
+VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed) {
+  auto* response = new VELADiscoveryScanResponse(id);
+  for (size_t i = 0; i < count; ++i) {
+    auto* m = new VELAFullBeaconScanMeasurement();
+    FillDistinct(m, seed + static_cast<uint32_t>(i));
+    if (response->measurements.push_back(m) != 0) delete m;
+  }
+  return response;
+}
+
+VELARangingScanResponse* MakeRangingResponse(unsigned int id, size_t count, uint32_t seed) {
+  auto* response = new VELARangingScanResponse(id);
+  for (size_t i = 0; i < count; ++i) {
+    auto* m = new VELARangingScanMeasurement();
+    FillDistinct(m, seed + static_cast<uint32_t>(i));
+    if (response->measurements.push_back(m) != 0) delete m;
+  }
+  return response;
+}
+
+}  // namespace vela_test
+}  // namespace ky_loc_fw
