@@ -7,7 +7,8 @@
 #             clients and memory-pinning clients while teskctl scans.
 # Each prints its figures and fails when the daemon did not come back to its
 # baseline. Usage: scripts/soak.sh [SECONDS [faults|pressure]...]
-# (fault soak length, default 180; both soaks by default)
+# (fault soak length, default 180; both soaks by default). Options for the
+# pressure soak can be given in TESK_SOAK_PRESSURE_OPTIONS.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -21,7 +22,8 @@ cmake --build --preset dev --target tesk_soak tesk teskctl tarnsocket
 for mode in "${modes[@]}"; do
   case "$mode" in
     faults) build/dev/bin/tesk_soak faults --seconds "$seconds" ;;
-    pressure) build/dev/bin/tesk_soak pressure ;;
+    # shellcheck disable=SC2086  # a list of options, split on purpose
+    pressure) build/dev/bin/tesk_soak pressure ${TESK_SOAK_PRESSURE_OPTIONS:-} ;;
     *) echo "unknown soak $mode" >&2; exit 64 ;;
   esac
 done
