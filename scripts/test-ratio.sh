@@ -22,7 +22,7 @@ count() {  # code lines of the files named on stdin
 }
 
 files() { git ls-files -- '*.c' '*.cpp' '*.h' '*.in' 'CMakeLists.txt' '*/CMakeLists.txt' '*.cmake'; }
-is_test='^(tests|fuzz)/|^host/libvela_client/(test_builders\.cpp|test_control\.cpp|include/ky_loc_fw/(vela_test_control|log_capture)\.h)$'
+is_test='^(tests|fuzz)/|^host/libvela_client/testing/'
 
 tests=$(files | grep -E "$is_test" | count)
 product=$(files | grep -Ev "$is_test" | grep -Ev '^benchmarks/' | count)
