@@ -301,7 +301,7 @@ TEST(VelaClient, TestControlDeliversChosenResponsesOnTheDeliveryThread) {
   EXPECT_EQ(vela_test::Deliver(vela_test::MakeDiscoveryResponse(1, 1, 1)), -1);
 }
 
-TEST(VelaClient, ConcurrentSendersEachGetTheirAnswer) {
+TEST(VelaClient, ConcurrentSendersEachGetTheirAnswerAndAreRecordedOnlyWhenAsked) {
   Session session(&kStreet);
   std::vector<std::thread> threads;
   for (unsigned int first = 1; first < 100; first += 25) {
@@ -318,6 +318,11 @@ TEST(VelaClient, ConcurrentSendersEachGetTheirAnswer) {
     EXPECT_EQ(r.bssids, (std::set<uint64_t>{kAlpha, kBeta}));
   }
   EXPECT_EQ(ids.size(), 100u);
+  EXPECT_EQ(vela_test::SentRequests().size(), 100u);
+  // Recording ends with Reset, as in a daemon no test steers.
+  vela_test::Reset();
+  EXPECT_EQ(session.Send(Fresh(101, Request::BAND_2_4_GHZ)), 0);
+  EXPECT_TRUE(vela_test::SentRequests().empty());
 }
 
 }  // namespace
