@@ -8,8 +8,8 @@
 
 namespace bench {
 
-// The built-in neighbourhood's access points (real frames), repeated under
-// fresh addresses until there are `count` of them.
+// The built-in neighbourhood's 21 access points (real frames), repeated
+// under fresh addresses, channels and names until there are `count` of them.
 std::string NeighbourhoodText(size_t count);
 
 }  // namespace bench

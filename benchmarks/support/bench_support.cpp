@@ -167,6 +167,7 @@ Options ParseOptions(int argc, char** argv) {
 }
 
 std::string FormatNs(double ns) {
+  if (ns < 0) return "-" + FormatNs(-ns);
   char text[32];
   if (ns >= 1e7) {
     std::snprintf(text, sizeof text, "%.1f ms", ns / 1e6);
