@@ -3,12 +3,14 @@
 // probation, where its calls are no longer waited for. They still reach it,
 // in order, one at a time: a worker sends each once the previous one is
 // answered. An answer in time ends the probation; strikes close together,
-// or calls piling up unanswered, end the connection.
+// or calls piling up unanswered, end the connection. A process that was
+// slow starts its next connections on probation for a while.
 #include <algorithm>
 
 #include "connection.h"
 #include "endpoint.h"
 #include "log.h"
+#include "slow_peers.h"
 #include "tarnsocket/tarn_ipc.h"
 
 namespace tarnsocket {
@@ -32,6 +34,7 @@ int32_t Connection::GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* se
   if (abandoned_.size() > kMaxAbandoned) abandoned_.pop_front();
   // Later calls wait for this answer before they go out.
   probation_ = true;
+  RememberSlowPeer(peer_pid_);
   outstanding_ = self->call_id;
   outstanding_due_ = Clock::now();
   const Clock::time_point now = Clock::now();

@@ -88,6 +88,9 @@ struct Counted {
   void AwaitReleases(int n) const {
     while (releases < n) Pause();  // the test's own timeout catches a hang
   }
+  void AwaitCalls(int n) const {
+    while (calls < n) Pause();
+  }
   // Waits until every retain so far was released; below 0 if released too often.
   int Settle() const {
     AwaitReleases(retains);
