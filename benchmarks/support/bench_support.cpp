@@ -158,6 +158,25 @@ ProcessCounters ReadCounters(pid_t pid) {
   return counters;
 }
 
+bool WaitQuiet(pid_t pid) {
+  const std::string self = std::to_string(gettid());
+  const double deadline = NowNs() + 1e9;
+  for (;;) {
+    bool busy = false;
+    ForEachTask(pid, [&](const std::string& task) {
+      if (busy || task.compare(task.rfind('/') + 1, std::string::npos, self) == 0) return;
+      std::ifstream in(task + "/stat");
+      std::string stat;
+      std::getline(in, stat);
+      const size_t end = stat.rfind(')');
+      busy = end != std::string::npos && end + 2 < stat.size() && stat[end + 2] == 'R';
+    });
+    if (!busy) return true;
+    if (NowNs() > deadline) return false;
+    usleep(20);
+  }
+}
+
 Options ParseOptions(int argc, char** argv) {
   Options options;
   for (int i = 1; i < argc; ++i) {
