@@ -51,10 +51,9 @@ constexpr size_t kAnswer = 4;
   if (teskclient::Connect(path, &root) == 0 &&
       teskclient::OpenService(root, kInterfaceDeauthMonitor, &monitor) == OBJECT_OK) {
     static std::atomic<long> events{0};
-    Object callback = teskclient::MakeCallbackObject(
-        [](const ObjectArg* args, uint32_t) {
-          if (static_cast<const DeauthEvent*>(args[0].b.ptr)->reason != 0) ++events;
-        });
+    Object callback = teskclient::MakeCallbackObject([](const ObjectArg* args, uint32_t) {
+      if (static_cast<const DeauthEvent*>(args[0].b.ptr)->reason != 0) ++events;
+    });
     ObjectArg args[2];
     args[0].o = callback;
     args[1].o = kNullObject;
@@ -130,7 +129,8 @@ int main(int argc, char** argv) {
     const DeauthEvent event{1, 4, 7, 1};
     uint32_t answer = 0;
     for (int fd : raw) {
-      ok = ok && bench::WriteFull(fd, &event, sizeof event) && bench::ReadFull(fd, &answer, kAnswer);
+      ok =
+          ok && bench::WriteFull(fd, &event, sizeof event) && bench::ReadFull(fd, &answer, kAnswer);
     }
     event_ns.push_back(middle - before);
     raw_ns.push_back(bench::NowNs() - middle);

@@ -52,8 +52,7 @@ struct Phase {
   _exit(0);
 }
 
-bool Run(const bench::PeerServer& server, bool library, int clients, double seconds,
-         Phase* phase) {
+bool Run(const bench::PeerServer& server, bool library, int clients, double seconds, Phase* phase) {
   int ready[2], go[2];
   if (pipe(ready) != 0 || pipe(go) != 0) return false;
   std::vector<pid_t> pids;

@@ -48,9 +48,9 @@ std::map<std::string, double> Trace(const std::string& mode, long calls) {
   if (fd < 0) return {};
   close(fd);
   std::string self = Self(), count = std::to_string(calls);
-  const char* argv[] = {"strace", "-f",        "-qq",   "-c",          "-U",  "name,calls",
-                        "-o",     file,        "--",    self.c_str(),  kLoopFlag,
-                        mode.c_str(), count.c_str(), nullptr};
+  const char* argv[] = {"strace",     "-f",         "-qq",         "-c",   "-U",
+                        "name,calls", "-o",         file,          "--",   self.c_str(),
+                        kLoopFlag,    mode.c_str(), count.c_str(), nullptr};
   pid_t pid = -1;
   int status = -1;
   if (posix_spawnp(&pid, "strace", nullptr, nullptr, const_cast<char* const*>(argv), environ) ==

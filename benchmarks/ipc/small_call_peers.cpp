@@ -37,7 +37,7 @@ int32_t SmallInvoke(void*, uint32_t op, ObjectArg* args, uint32_t counts) {
   }
   // Touches what arrived: callers send 64 bytes of 1.
   return static_cast<const uint8_t*>(args[0].b.ptr)[kSmallCall - 1] == 1 ? OBJECT_OK
-                                                                          : OBJECT_ERROR_INVALID;
+                                                                         : OBJECT_ERROR_INVALID;
 }
 
 // Forks a server that binds `path` and runs `serve` on the bound socket;
@@ -108,7 +108,9 @@ PeerServer StartRawServer() {
   });
 }
 
-SmallCaller::SmallCaller() { std::memset(buffer_, 1, sizeof buffer_); }
+SmallCaller::SmallCaller() {
+  std::memset(buffer_, 1, sizeof buffer_);
+}
 
 bool SmallCaller::ConnectLibrary(const std::string& path) {
   return TarnIPC_connect(path.c_str(), &root_) == 0;

@@ -7,8 +7,8 @@
 // scan costs in context switches, the daemon's page faults per scan and its
 // resident memory over many scans.
 #include <signal.h>
-#include <sys/prctl.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -213,11 +213,11 @@ void MeasureMemory(bench::ScanClient* client, pid_t daemon, long done, bool quic
   after_first.figure = "daemon RSS after " + std::to_string(first) + " scans";
   after_first.value = FormatCount(static_cast<double>(rss_first), "kB");
   bench::PrintRow(after_first);
-  bench::PrintRow(bench::RatioRow(
-      "daemon RSS after " + std::to_string(second) + " scans",
-      FormatCount(static_cast<double>(rss_second), "kB"),
-      FormatCount(static_cast<double>(rss_first), "kB"),
-      static_cast<double>(rss_second) / static_cast<double>(rss_first), 1.01));
+  bench::PrintRow(bench::RatioRow("daemon RSS after " + std::to_string(second) + " scans",
+                                  FormatCount(static_cast<double>(rss_second), "kB"),
+                                  FormatCount(static_cast<double>(rss_first), "kB"),
+                                  static_cast<double>(rss_second) / static_cast<double>(rss_first),
+                                  1.01));
 }
 
 void Measure(const Plan& plan, bool quick) {
@@ -231,7 +231,8 @@ void Measure(const Plan& plan, bool quick) {
   if (plan.aps == 21) {
     bench::Row idle;
     idle.figure = "daemon idle RSS";
-    idle.value = FormatCount(static_cast<double>(bench::ReadCounters(daemon_pid).resident_kb), "kB");
+    idle.value =
+        FormatCount(static_cast<double>(bench::ReadCounters(daemon_pid).resident_kb), "kB");
     bench::PrintRow(idle);
   }
   bench::ScanClient client(daemon.process->socket_path());
@@ -281,13 +282,14 @@ void Measure(const Plan& plan, bool quick) {
     if (client.Scan() < 0) return Fail("scan " + label, "a scan failed");
   }
   const bench::ProcessCounters daemon_after = bench::ReadCounters(daemon_pid);
-  std::printf("@note context switches per scan (voluntary+involuntary), %s: daemon: %s; client: %s\n", label.c_str(),
-              bench::SwitchesBetween(daemon_pid, daemon_threads_before,
-                                     bench::ThreadSwitches(daemon_pid), counted)
-                  .c_str(),
-              bench::SwitchesBetween(getpid(), own_threads_before, bench::ThreadSwitches(getpid()),
-                                     counted)
-                  .c_str());
+  std::printf(
+      "@note context switches per scan (voluntary+involuntary), %s: daemon: %s; client: %s\n",
+      label.c_str(),
+      bench::SwitchesBetween(daemon_pid, daemon_threads_before, bench::ThreadSwitches(daemon_pid),
+                             counted)
+          .c_str(),
+      bench::SwitchesBetween(getpid(), own_threads_before, bench::ThreadSwitches(getpid()), counted)
+          .c_str());
   const double scan_switches =
       static_cast<double>(daemon_after.context_switches - daemon_before.context_switches +
                           OwnContextSwitches() - own_before) /
@@ -307,8 +309,8 @@ void Measure(const Plan& plan, bool quick) {
   std::printf("@note scan %s: %zu bytes back, %zu bytes out\n", label.c_str(),
               client.result_bytes(), client.RequestBytes());
   if (plan.aps == 21) {
-    bench::PrintRow(bench::RatioRow("scan " + label + ", one core", FormatNs(scan),
-                                    FormatNs(base), scan / base, 3.0));
+    bench::PrintRow(bench::RatioRow("scan " + label + ", one core", FormatNs(scan), FormatNs(base),
+                                    scan / base, 3.0));
     bench::Row switches = bench::LimitRow("context switches per scan, " + label,
                                           FormatCount(scan_switches, ""), scan_switches, 8);
     switches.baseline = FormatCount(raw_switches, "");
@@ -322,9 +324,10 @@ void Measure(const Plan& plan, bool quick) {
     row.ratio = FormatCount(scan / base, "") + "x";
     bench::PrintRow(row);
     const double service = bench::Median(service_ns);
-    std::printf("@note the simulated service builds the response to a scan of %s in %s and "
-                "deletes it after the delivery in %s\n",
-                label.c_str(), FormatNs(service).c_str(), FormatNs(bench::Median(delete_ns)).c_str());
+    std::printf(
+        "@note the simulated service builds the response to a scan of %s in %s and "
+        "deletes it after the delivery in %s\n",
+        label.c_str(), FormatNs(service).c_str(), FormatNs(bench::Median(delete_ns)).c_str());
     bench::Row own;
     own.figure = "simulated service builds the response, " + label;
     own.value = FormatNs(service);

@@ -25,19 +25,19 @@ ScanClient::ScanClient(const std::string& socket_path) {
     service_ = service;
   }
   ObjectRelease(root);
-  callback_ = teskclient::MakeCallbackObject([state = state_](const ObjectArg* args,
-                                                              uint32_t counts) {
-    const double now = NowNs();
-    size_t bytes = 0;
-    for (unsigned i = 0; i < OBJECT_COUNTS_IN_BUFS(counts); ++i) bytes += args[i].b.size;
-    std::lock_guard<std::mutex> lock(state->mutex);
-    state->at_ns = now;
-    state->bytes = bytes;
-    state->records =
-        OBJECT_COUNTS_IN_BUFS(counts) > 1 ? args[1].b.size / sizeof(WifiScanMeasurement) : 0;
-    state->delivered = true;
-    state->arrived.notify_one();
-  });
+  callback_ =
+      teskclient::MakeCallbackObject([state = state_](const ObjectArg* args, uint32_t counts) {
+        const double now = NowNs();
+        size_t bytes = 0;
+        for (unsigned i = 0; i < OBJECT_COUNTS_IN_BUFS(counts); ++i) bytes += args[i].b.size;
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->at_ns = now;
+        state->bytes = bytes;
+        state->records =
+            OBJECT_COUNTS_IN_BUFS(counts) > 1 ? args[1].b.size / sizeof(WifiScanMeasurement) : 0;
+        state->delivered = true;
+        state->arrived.notify_one();
+      });
 }
 
 ScanClient::~ScanClient() {
@@ -64,8 +64,8 @@ double ScanClient::Scan() {
   double at;
   {
     std::unique_lock<std::mutex> lock(state_->mutex);
-    delivered = state_->arrived.wait_for(lock, std::chrono::seconds(30),
-                                         [&] { return state_->delivered; });
+    delivered =
+        state_->arrived.wait_for(lock, std::chrono::seconds(30), [&] { return state_->delivered; });
     at = state_->at_ns;
   }
   ObjectRelease(handle);  // the scan is over; the daemon forgets it

@@ -20,11 +20,14 @@ double NowNs() {
   return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
 
-double Median(std::vector<double> samples) { return Percentile(std::move(samples), 0.5); }
+double Median(std::vector<double> samples) {
+  return Percentile(std::move(samples), 0.5);
+}
 
 double Percentile(std::vector<double> samples, double fraction) {
   if (samples.empty()) return 0;
-  const auto rank = static_cast<size_t>(std::lround(fraction * static_cast<double>(samples.size() - 1)));
+  const auto rank =
+      static_cast<size_t>(std::lround(fraction * static_cast<double>(samples.size() - 1)));
   std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(rank),
                    samples.end());
   return samples[rank];
@@ -110,7 +113,7 @@ ThreadSwitchMap ThreadSwitches(pid_t pid) {
     const int64_t involuntary = StatusField(task + "/status", "nonvoluntary_ctxt_switches:");
     if (voluntary < 0 || involuntary < 0) return;
     by_thread[static_cast<pid_t>(std::stol(task.substr(task.rfind('/') + 1)))] = {voluntary,
-                                                                                involuntary};
+                                                                                  involuntary};
   });
   return by_thread;
 }
@@ -153,7 +156,8 @@ ProcessCounters ReadCounters(pid_t pid) {
   counters.resident_kb = StatusField(proc + "/status", "VmRSS:");
   // /proc/PID/status counts the switches of the main thread only.
   int64_t sum = 0;
-  ForEachTask(pid, [&](const std::string& task) { sum += std::max<int64_t>(TaskSwitches(task), 0); });
+  ForEachTask(pid,
+              [&](const std::string& task) { sum += std::max<int64_t>(TaskSwitches(task), 0); });
   counters.context_switches = sum;
   return counters;
 }

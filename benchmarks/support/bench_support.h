@@ -9,8 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench {
