@@ -81,15 +81,11 @@ void Connection::GiveUpReadSide(bool unwatched) {
 }
 
 bool Connection::RetakeReadSide() {
-  // A worker that waits on a quiet socket is not free for other
-  // connections: with work queued, leave the socket to the monitor.
-  const bool saturated = endpoint_->Saturated();
+  // A worker that lingers on a quiet socket does so briefly (the socket's
+  // receive timeout); work that arrives meanwhile gets a worker of its own.
   std::lock_guard<std::mutex> lock(mutex_);
   if (closed_ || reader_busy_) return false;
-  if (saturated || (!NeedsWatchLocked() && !PendingWaitersLocked())) {
-    if (unwatched_since_ns_.load() != 0 && NeedsWatchLocked()) ArmLocked();
-    return false;
-  }
+  if (!NeedsWatchLocked() && !PendingWaitersLocked()) return false;
   TakeReadSideLocked();
   return true;
 }

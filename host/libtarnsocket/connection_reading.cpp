@@ -14,9 +14,11 @@ void Connection::ReadLoop(Waiter* self) {
   bool linger = false;
   for (;;) {
     // A caller waits for its answer; a worker that has just answered waits
-    // a moment for the peer's next call, which then costs no wake-up.
+    // a moment for the peer's next call, which then costs no wake-up (a
+    // little over the socket's receive timeout, so that one blocking recv
+    // does it).
     const Clock::time_point until =
-        self != nullptr ? self->deadline : linger ? After(kShortWaitMs) : Clock::time_point();
+        self != nullptr ? self->deadline : linger ? After(kShortWaitMs + 1) : Clock::time_point();
     linger = false;
     const FrameReader::Result result = reader_.Read(fd_, until, self != nullptr);
     if (result == FrameReader::Result::kAgain) break;

@@ -178,11 +178,6 @@ void Endpoint::Dispatch(std::function<void()> task) {
   pool_cv_.notify_one();
 }
 
-bool Endpoint::Saturated() {
-  std::lock_guard<std::mutex> lock(pool_mutex_);
-  return !tasks_.empty();
-}
-
 void Endpoint::WorkerLoop() {
   EnterWorkerThread();
   std::unique_lock<std::mutex> lock(pool_mutex_);

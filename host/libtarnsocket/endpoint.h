@@ -47,8 +47,6 @@ class Endpoint {
   void Forget(int fd);
 
   void Dispatch(std::function<void()> task);
-  // True when tasks wait for a free worker.
-  bool Saturated();
 
   // Whether the monitor is looking at its connections every few
   // milliseconds, as it does while calls come in.
