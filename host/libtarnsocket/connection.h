@@ -184,8 +184,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::vector<Waiter*> waiters_;
   ExportTable exports_;
   std::unordered_map<uint32_t, Proxy*> imports_;
-  uint32_t serving_ = 0;               // the peer's calls accepted and not yet answered
-  std::deque<uint32_t> abandoned_;     // calls whose callers stopped waiting
+  uint32_t serving_ = 0;            // the peer's calls accepted and not yet answered
+  std::deque<uint32_t> abandoned_;  // calls whose callers stopped waiting
   std::deque<Clock::time_point> strikes_;
   // A service's calls into a peer that once left it waiting are not waited
   // for: they go out one at a time, each after the previous answer, until
@@ -198,7 +198,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::deque<Deferred> deferred_;
   uint64_t deferred_bytes_ = 0;
   bool flushing_ = false;
-  uint32_t outstanding_ = 0;  // the call sent on probation, unanswered
+  uint32_t outstanding_ = 0;           // the call sent on probation, unanswered
   Clock::time_point outstanding_due_;  // an answer by then ends the probation
   bool logged_busy_ = false;
   bool logged_exports_ = false;

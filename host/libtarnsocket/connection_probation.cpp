@@ -45,9 +45,10 @@ int32_t Connection::GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* se
   if (strikes >= limits_.callback_strikes) {
     CloseWithLog("%zu calls got no answer within %u ms", strikes, peer_timeout_ms_);
   } else {
-    LogWarning("Connection to pid %d: no answer within %u ms (%zu of %u strikes); not waited for "
-               "until it answers in time",
-               peer_pid_, peer_timeout_ms_, strikes, limits_.callback_strikes);
+    LogWarning(
+        "Connection to pid %d: no answer within %u ms (%zu of %u strikes); not waited for "
+        "until it answers in time",
+        peer_pid_, peer_timeout_ms_, strikes, limits_.callback_strikes);
   }
   return TARN_IPC_ERROR_TIMEOUT;
 }
@@ -111,8 +112,8 @@ void Connection::FlushDeferred() {
       outstanding_ = call.call_id;
       abandoned_.push_back(call.call_id);
       if (abandoned_.size() > kMaxAbandoned) abandoned_.pop_front();
-      outstanding_due_ = After(peer_timeout_ms_) +
-                         std::chrono::milliseconds(call.bytes.size() / (16 * 1024));
+      outstanding_due_ =
+          After(peer_timeout_ms_) + std::chrono::milliseconds(call.bytes.size() / (16 * 1024));
     }
     iovec iov{call.bytes.data(), call.bytes.size()};
     if (Send(&iov, 1, call.bytes.size()) != 0) return;

@@ -119,8 +119,8 @@ bool Connection::ReadForMonitor() {
 
 bool Connection::Sweep(Clock::time_point now, bool ticking) {
   const int64_t since = unwatched_since_ns_.load();
-  if (since != 0 && (!ticking || Nanoseconds(now) - since >=
-                                     std::chrono::nanoseconds(kUnwatchedGrace).count())) {
+  if (since != 0 &&
+      (!ticking || Nanoseconds(now) - since >= std::chrono::nanoseconds(kUnwatchedGrace).count())) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (unwatched_since_ns_.load() != 0 && !reader_busy_) ArmLocked();
   }

@@ -17,8 +17,9 @@ void Connection::ReadLoop(Waiter* self) {
     // a moment for the peer's next call, which then costs no wake-up (a
     // little over the socket's receive timeout, so that one blocking recv
     // does it).
-    const Clock::time_point until =
-        self != nullptr ? self->deadline : linger ? After(kShortWaitMs + 1) : Clock::time_point();
+    const Clock::time_point until = self != nullptr ? self->deadline
+                                    : linger        ? After(kShortWaitMs + 1)
+                                                    : Clock::time_point();
     linger = false;
     const FrameReader::Result result = reader_.Read(fd_, until, self != nullptr);
     if (result == FrameReader::Result::kAgain) break;

@@ -73,8 +73,7 @@ bool Connection::Marshal(const Object& object, ObjectRef* ref) {
   }
   if (undo) ObjectRelease(object);
   if (full) {
-    LogRefusal(&logged_exports_, "objects refused: %u exported to it already",
-               limits_.max_exports);
+    LogRefusal(&logged_exports_, "objects refused: %u exported to it already", limits_.max_exports);
     return false;
   }
   *ref = ObjectRef{kRefSenderExport, handle};

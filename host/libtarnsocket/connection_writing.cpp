@@ -41,7 +41,8 @@ int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading) {
     CloseWithLog("peer took no data for %u ms", peer_timeout_ms_);
   } else if (rc == -ETIME) {
     CloseWithLog("peer did not take a frame of %llu bytes within %llu ms",
-                 static_cast<unsigned long long>(bytes), static_cast<unsigned long long>(allowed_ms));
+                 static_cast<unsigned long long>(bytes),
+                 static_cast<unsigned long long>(allowed_ms));
   } else if (rc != 0) {
     bool quiet;
     {

@@ -58,6 +58,9 @@ class Endpoint {
   void WantSweep();
 
  private:
+  static constexpr uint64_t kWakeId = 1;
+  static constexpr uint64_t kListenId = 2;
+
   void MonitorLoop();
   // How long the monitor may wait for events: -1 for ever.
   int NextWait();

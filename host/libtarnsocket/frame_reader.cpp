@@ -69,7 +69,8 @@ FrameReader::Result FrameReader::StartInvoke(const uint8_t* meta) {
   for (unsigned i = 0; i < frame.meta.in_bufs; ++i) {
     uint8_t* place = frame.arena.data() + frame.offsets[i];
     const uint64_t end = i + 1 < frame.meta.in_bufs ? frame.offsets[i + 1] : size;
-    memset(place + frame.meta.sizes[i], 0, static_cast<size_t>(end - frame.offsets[i] - frame.meta.sizes[i]));
+    memset(place + frame.meta.sizes[i], 0,
+           static_cast<size_t>(end - frame.offsets[i] - frame.meta.sizes[i]));
     if (frame.meta.sizes[i] > 0) {
       parts_[part_count_++] = iovec{place, static_cast<size_t>(frame.meta.sizes[i])};
     }
@@ -184,9 +185,8 @@ FrameReader::Result FrameReader::Read(int fd, Clock::time_point until, bool mid_
       if (Overdue(now)) return Fail("frame not whole within %u ms", frame_timeout_ms_);
       if (!mid_frame) wait_until = now;
       const int64_t started = started_ns_.load(std::memory_order_relaxed);
-      const Clock::time_point due =
-          Clock::time_point(std::chrono::nanoseconds(started)) +
-          std::chrono::milliseconds(frame_timeout_ms_ + 1);
+      const Clock::time_point due = Clock::time_point(std::chrono::nanoseconds(started)) +
+                                    std::chrono::milliseconds(frame_timeout_ms_ + 1);
       wait_until = std::min(wait_until, due);
     }
     const bool may_wait = wait_until > now;

@@ -35,8 +35,8 @@ Limits ReadLimits() {
       FromEnvironment("TARN_FRAME_TIMEOUT_MS", TARN_IPC_DEFAULT_FRAME_TIMEOUT_MS, kDay));
   limits.max_call_bytes =
       FromEnvironment("TARN_MAX_CALL_BYTES", TARN_IPC_DEFAULT_MAX_CALL_BYTES, 64ull << 20);
-  limits.max_calls_in_flight = static_cast<uint32_t>(FromEnvironment(
-      "TARN_MAX_CALLS_IN_FLIGHT", TARN_IPC_DEFAULT_MAX_CALLS_IN_FLIGHT, 1u << 20));
+  limits.max_calls_in_flight = static_cast<uint32_t>(
+      FromEnvironment("TARN_MAX_CALLS_IN_FLIGHT", TARN_IPC_DEFAULT_MAX_CALLS_IN_FLIGHT, 1u << 20));
   limits.max_exports = static_cast<uint32_t>(
       FromEnvironment("TARN_MAX_EXPORTS", TARN_IPC_DEFAULT_MAX_EXPORTS, 1u << 24));
   // The frame carries the depth in one byte.

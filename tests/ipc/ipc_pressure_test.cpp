@@ -131,7 +131,7 @@ TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
   const Bytes byte(1, 0);
   ObjectArg args[1] = {Buf(byte.data(), byte.size())};
   for (int strike = 1; strike <= 3; ++strike) {
-      slow = true;
+    slow = true;
     EXPECT_EQ(Call(fickle_callback, 0, args, 1), TARN_IPC_ERROR_TIMEOUT);
     slow = false;
     // Forgiven once a call is answered in time.
@@ -190,8 +190,8 @@ TEST(IpcPressureTest, OutOfDescriptorsPausesOnlyAccepting) {
   tight.rlim_cur = static_cast<rlim_t>(lowest_free);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
   for (int fd : waiting) {
-    EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&served.address), sizeof served.address),
-              0);
+    EXPECT_EQ(
+        connect(fd, reinterpret_cast<const sockaddr*>(&served.address), sizeof served.address), 0);
   }
   const auto until = Clock::now() + milliseconds(500);
   while (Clock::now() < until) EXPECT_EQ(Call(bystander, kOpChecksum), Checksum(nullptr, 0));

@@ -233,9 +233,9 @@ TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
     uint64_t delivered = 0;  // size of calls then made to its callback...
     int calls = 0;           // ...this many, each failing with `result`
     int32_t result = TARN_IPC_ERROR_TIMEOUT;
-    int32_t last = 0;       // of the last call, if not `result`
-    bool hold = false;      // the client keeps its end open: the service ends it
-    int32_t refused = 0;    // the last call is answered with this; the connection stays
+    int32_t last = 0;     // of the last call, if not `result`
+    bool hold = false;    // the client keeps its end open: the service ends it
+    int32_t refused = 0;  // the last call is answered with this; the connection stays
   } cases[] = {
       {"peer took no data for 300 ms", store_callback, 16u << 20, 1},
       {"a call of more than 67108864 bytes cannot be sent", store_callback, kMaxBodySize + 1, 1,
@@ -243,8 +243,8 @@ TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
       // The first call is waited for; the rest go out one by one as answers
       // come, which they never do. (Last of the rows that call back: this
       // process is then remembered as slow.)
-      {"65 calls wait for answers that do not come", store_callback, 64, 66,
-       TARN_IPC_ERROR_TIMEOUT, TARN_IPC_ERROR_DEAD},
+      {"65 calls wait for answers that do not come", store_callback, 64, 66, TARN_IPC_ERROR_TIMEOUT,
+       TARN_IPC_ERROR_DEAD},
       {kSlow, Bytes(10), 0, 0, 0, 0, true},
       {kSlow, Frame({100000, kFrameInvoke, 1, {}, 1, 0, 0, 1}, {Raw(uint64_t{99992}), Bytes(5000)}),
        0, 0, 0, 0, true},

@@ -47,10 +47,10 @@ extern "C" {
 
 /* Results of calls on remote objects that the transport, not the remote
  * object, produced. */
-#define TARN_IPC_ERROR_DEAD (-32)     /* the connection is gone (-EPIPE) */
-#define TARN_IPC_ERROR_TIMEOUT (-110) /* no answer in time (-ETIMEDOUT) */
-#define TARN_IPC_ERROR_BUSY (-16)     /* too many calls in flight (-EBUSY) */
-#define TARN_IPC_ERROR_TOO_DEEP (-40) /* nested too deeply (-ELOOP) */
+#define TARN_IPC_ERROR_DEAD (-32)             /* the connection is gone (-EPIPE) */
+#define TARN_IPC_ERROR_TIMEOUT (-110)         /* no answer in time (-ETIMEDOUT) */
+#define TARN_IPC_ERROR_BUSY (-16)             /* too many calls in flight (-EBUSY) */
+#define TARN_IPC_ERROR_TOO_DEEP (-40)         /* nested too deeply (-ELOOP) */
 #define TARN_IPC_ERROR_TOO_MANY_OBJECTS (-28) /* export limit reached (-ENOSPC) */
 
 /*

@@ -1,0 +1,233 @@
+// The endpoint's monitor: accepting, reading sockets that nobody else
+// reads, and its regular look at connections, the accept pause and the
+// buffer pool.
+#include <errno.h>
+#include <malloc.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "buffer_pool.h"
+#include "connection.h"
+#include "endpoint.h"
+#include "log.h"
+
+namespace tarnsocket {
+namespace {
+
+// While the descriptor limit is reached, new connections wait in the
+// backlog this long between tries; the warning comes at most this often.
+constexpr std::chrono::milliseconds kAcceptPause{100};
+constexpr std::chrono::seconds kAcceptWarningEvery{10};
+// The monitor ticks every kTick while calls come in (and for kActiveFor
+// after), else looks every kSlowTick while anything needs a look, else
+// sleeps until an event.
+constexpr std::chrono::milliseconds kTick = kUnwatchedGrace;
+constexpr std::chrono::milliseconds kSlowTick{100};
+constexpr std::chrono::seconds kActiveFor{1};
+
+bool TransientAcceptError(int error) {
+  switch (error) {
+    case EINTR:
+    case ECONNABORTED:
+    case EPROTO:
+    case EPERM:
+    case ENETDOWN:
+    case ENOPROTOOPT:
+    case EHOSTDOWN:
+    case ENONET:
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool OutOfResources(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+}  // namespace
+
+bool Endpoint::AcceptAll() {
+  for (;;) {
+    const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+      const int error = errno;
+      if (error == EAGAIN || error == EWOULDBLOCK) return true;
+      if (TransientAcceptError(error)) continue;
+      if (OutOfResources(error)) {
+        PauseAccepting(error);
+        return true;
+      }
+      LogError("Service ends: accept failed: %d (%s)", error, strerror(error));
+      return false;
+    }
+    auto connection = std::make_shared<Connection>(fd, Connection::Side::kServer, this, NextId());
+    connection->ExportRoot(root_);
+    connection->set_watched(true);
+    if (Add(connection) != 0) {
+      connection->Close(nullptr);
+      continue;
+    }
+    Watch(fd, connection->id());
+  }
+}
+
+void Endpoint::PauseAccepting(int error) {
+  // Level-triggered: the listening socket stays ready, so it is not watched
+  // for a while; connected clients are served meanwhile.
+  epoll_event muted{};
+  muted.data.u64 = kListenId;
+  epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd_, &muted);
+  const auto now = std::chrono::steady_clock::now();
+  accept_paused_ = true;
+  accept_resume_ = now + kAcceptPause;
+  ++accept_failures_;
+  if (accept_failures_ == 1 || now - last_accept_warning_ >= kAcceptWarningEvery) {
+    LogWarning("accept failed: %d (%s); new connections wait (%llu times since the last warning)",
+               error, strerror(error), static_cast<unsigned long long>(accept_failures_));
+    last_accept_warning_ = now;
+    accept_failures_ = 1;
+  }
+}
+
+void Endpoint::WantSweep() {
+  if (sleeping_.load()) {
+    const uint64_t one = 1;
+    ssize_t ignored = write(wake_fd_, &one, sizeof one);
+    (void)ignored;
+  }
+}
+
+void Endpoint::Sweep() {
+  const auto now = std::chrono::steady_clock::now();
+  std::vector<std::shared_ptr<Connection>> all;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    all.reserve(connections_.size());
+    for (auto& entry : connections_) all.push_back(entry.second);
+  }
+  bool partial = false;
+  const bool ticking = ticking_.load();
+  for (auto& connection : all) partial = connection->Sweep(now, ticking) || partial;
+  partial_frames_ = partial;
+  if (accept_paused_ && now >= accept_resume_) {
+    accept_paused_ = false;
+    epoll_event listen{};
+    listen.events = EPOLLIN;
+    listen.data.u64 = kListenId;
+    epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd_, &listen);
+  }
+  const bool kept = BufferPool::Instance().Trim(now);
+  if (trim_heap_ && !kept && !ticking) {
+    // Memory that served calls freed stays in the allocator's per-thread
+    // heaps, resident, until given back; once idle, give it back.
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+    trim_heap_ = false;
+  }
+}
+
+int Endpoint::NextWait() {
+  const auto now = std::chrono::steady_clock::now();
+  const uint64_t activity = activity_.load(std::memory_order_relaxed);
+  if (activity != seen_activity_) {
+    seen_activity_ = activity;
+    last_activity_ = now;
+    trim_heap_ = true;
+  }
+  if (now - last_activity_ < kActiveFor) {
+    ticking_.store(true);
+    return static_cast<int>(kTick.count());
+  }
+  if (ticking_.load()) {
+    // Unwatched sockets are armed now: nobody looks at them any more.
+    ticking_.store(false);
+    Sweep();
+  }
+  const auto reasons = [this] {
+    return partial_frames_ || accept_paused_ || trim_heap_ || BufferPool::Instance().kept() > 0;
+  };
+  if (reasons()) return static_cast<int>(kSlowTick.count());
+  sleeping_.store(true);
+  // A look after sleeping_ is set: what changed before is seen here, what
+  // changes after wakes the monitor.
+  Sweep();
+  if (reasons()) {
+    sleeping_.store(false);
+    return static_cast<int>(kSlowTick.count());
+  }
+  return -1;
+}
+
+void Endpoint::MonitorLoop() {
+  bool running = true;
+  auto last_sweep = std::chrono::steady_clock::now();
+  last_activity_ = last_sweep - kActiveFor;
+  while (running) {
+    epoll_event events[32];
+    const int n = epoll_wait(epoll_fd_, events, 32, NextWait());
+    sleeping_.store(false);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      LogError("Service ends: epoll_wait failed: %d (%s)", errno, strerror(errno));
+      break;
+    }
+    bool sweep = false;
+    for (int i = 0; i < n && running; ++i) {
+      const uint64_t id = events[i].data.u64;
+      if (id == kWakeId) {
+        uint64_t value;
+        ssize_t ignored = read(wake_fd_, &value, sizeof value);
+        (void)ignored;
+        std::lock_guard<std::mutex> lock(mutex_);
+        running = !stopping_;
+        sweep = true;
+      } else if (id == kListenId) {
+        running = AcceptAll();
+        // A shut-down listening socket reports a hang-up but accept() only
+        // says "try again": it will never accept anything more.
+        if (running && (events[i].events & (EPOLLHUP | EPOLLERR)) != 0) {
+          LogError("Service ends: the listening socket was shut down");
+          running = false;
+        }
+      } else {
+        std::shared_ptr<Connection> connection;
+        {
+          std::lock_guard<std::mutex> lock(mutex_);
+          auto it = connections_.find(id);
+          if (it != connections_.end()) connection = it->second;
+        }
+        if (connection != nullptr && connection->ReadForMonitor()) {
+          NoteActivity();
+          Dispatch([connection] { connection->ServeAsReader(); });
+        }
+      }
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (running && (sweep || now - last_sweep >= (ticking_.load() ? kTick : kSlowTick))) {
+      last_sweep = now;
+      Sweep();
+    }
+  }
+  std::vector<std::shared_ptr<Connection>> open;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+    for (auto& entry : connections_) open.push_back(entry.second);
+  }
+  if (listen_fd_ >= 0) epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, listen_fd_, nullptr);
+  for (auto& connection : open) connection->Close(nullptr);
+  open.clear();
+  StopWorkers();
+}
+
+}  // namespace tarnsocket
