@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "deauth/disconnect_event.h"
+#include "deauth/errno_text.h"
 #include "deauth/family_lookup.h"
 #include "ky_loc_fw/log.h"
 
@@ -41,7 +42,8 @@ void DeauthDetector::Stop() {
   if (socket_fd < 0 || !listener_thread.joinable()) return;
   if (write(stop_pipe[1], "x", 1) != 1) {
     const int error = errno;
-    ky_loc_fw::log_error(kTag, "Failed to stop listener thread %d (%s)", error, strerror(error));
+    ky_loc_fw::log_error(kTag, "Failed to stop listener thread %d (%s)", error,
+                         ErrnoText(error).c_str());
   } else {
     listener_thread.join();
   }
@@ -53,14 +55,15 @@ bool DeauthDetector::Initialize(const NetlinkAccess& netlink) {
   socket_fd = netlink.open_socket();
   if (socket_fd < 0) {
     const int error = errno;
-    ky_loc_fw::log_error(kTag, "Failed to open netlink socket: %d (%s)", error, strerror(error));
+    ky_loc_fw::log_error(kTag, "Failed to open netlink socket: %d (%s)", error,
+                         ErrnoText(error).c_str());
     return false;
   }
 
   if (QueryMlmeInfo()) {
     if (netlink.join_group(socket_fd, mlme_group_id) != 0) {
       const int error = errno;
-      ky_loc_fw::log_error(kTag, "setsockopt failed: %d (%s)", error, strerror(error));
+      ky_loc_fw::log_error(kTag, "setsockopt failed: %d (%s)", error, ErrnoText(error).c_str());
     } else if (pipe(stop_pipe) == 0) {  // a pipe failure is silent, kept on purpose
       // A failure to start the thread throws out of here and ends the process.
       listener_thread = std::thread(&DeauthDetector::Listen, this);

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "deauth/errno_text.h"
 #include "deauth/genl_message.h"
 #include "ky_loc_fw/log.h"
 
@@ -85,7 +86,8 @@ bool QueryFamily(int fd, const char* family_name, const char* group_name, Family
   if (sent < 0 || static_cast<size_t>(sent) != request->nlmsg_len) {
     const int error = errno;
     // The doubled blank is kept on purpose: log readers match the line as is.
-    ky_loc_fw::log_error(kTag, "Failed to send GETFAMILY:  %d (%s)", error, strerror(error));
+    ky_loc_fw::log_error(kTag, "Failed to send GETFAMILY:  %d (%s)", error,
+                         ErrnoText(error).c_str());
     return false;
   }
 
@@ -94,7 +96,7 @@ bool QueryFamily(int fd, const char* family_name, const char* group_name, Family
   if (n < 0) {
     const int error = errno;
     ky_loc_fw::log_error(kTag, "Failed to recv GETFAMILY response: %d (%s)", error,
-                         strerror(error));
+                         ErrnoText(error).c_str());
     return false;
   }
   if (!ReadFamilyReply(bytes, static_cast<size_t>(n), group_name, lookup)) {

@@ -38,7 +38,9 @@ constexpr size_t kNlattrHeaderSize = 4;
 // of this size; nl80211's disconnect events are far smaller.
 constexpr size_t kNetlinkBufferSize = 4096;
 struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
+  // The buffers are malloc'd as the detector has always done; this deleter is
+  // what owns them.
+  void operator()(void* p) const { free(p); }  // NOLINT(cppcoreguidelines-owning-memory)
 };
 using NetlinkBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
 inline NetlinkBuffer AllocateNetlinkBuffer() {

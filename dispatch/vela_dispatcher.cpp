@@ -27,7 +27,9 @@ VelaDispatcher::VelaDispatcher() {
       this, kClientFlag, static_cast<ky_loc_fw::VELAClient::eLogLevel>(kClientLogLevel));
   if (client == nullptr) {
     ky_loc_fw::log_error(kTag, "Dispatcher: Could not create the VELAClient\n");
-    exit(-1);
+    // On purpose, whatever other threads run: without the location client
+    // the daemon cannot serve a scan.
+    exit(-1);  // NOLINT(concurrency-mt-unsafe)
   }
   ky_loc_fw::log_debug(kTag, "Dispatcher: initialized\n");
 }

@@ -17,6 +17,9 @@
 
 namespace ky_loc_fw {
 
+// Raw new[] and delete[] are the storage discipline shared with the location
+// library, so the block is owned by a plain pointer on purpose.
+// NOLINTBEGIN(cppcoreguidelines-owning-memory)
 template <typename T>
 class vector {
  public:
@@ -142,6 +145,7 @@ class vector {
   uint32_t capacity = 0;
   uint32_t count = 0;
 };
+// NOLINTEND(cppcoreguidelines-owning-memory)
 
 }  // namespace ky_loc_fw
 

@@ -19,7 +19,7 @@ using JoinFn = TarnIPC_join_t;
 // A start-up failure must not end the process: init would restart it and
 // fail again in a loop. The daemon stays, idle, until the device reboots.
 [[noreturn]] void SleepForever() {
-  for (;;) sleep(86400);
+  for (;;) sleep(86400);  // NOLINT(concurrency-mt-unsafe): no thread uses SIGALRM
 }
 
 }  // namespace

@@ -338,22 +338,6 @@ TEST_F(ScanObjectTest, DeliveriesWithoutRecords) {
   }
 }
 
-TEST_F(ScanObjectTest, ThreeFullBeaconsDeliver480BytesInResponseOrder) {
-  ASSERT_EQ(Discover(), 0);
-  kf::VELADiscoveryScanResponse* response = vt::MakeDiscoveryResponse(Id(), 3, 100);
-  std::vector<uint32_t> want, got;
-  for (auto* m :
-       {response->measurements[0], response->measurements[1], response->measurements[2]}) {
-    want.insert(want.end(), {m->bssid.getLo24(), m->bssid.getHi24()});
-  }
-  const Bytes records = Answer(response).at(1).value_or(Bytes());
-  ASSERT_EQ(records.size(), 480u);
-  for (size_t i = 0; i < 3; ++i) {
-    got.insert(got.end(), {Record(records, i).bssidLo24, Record(records, i).bssidHi24});
-  }
-  EXPECT_EQ(got, want);
-}
-
 // Plain, full beacon (skipped), ranging, type 3 (skipped).
 TEST_F(ScanObjectTest, RangingDeliversPlainAndRangingMeasurementsInOrder) {
   ASSERT_EQ(Range(0, AsBytes(Target(1))), 0);

@@ -52,7 +52,7 @@ int UsageError(const char* what, const std::string& detail) {
 int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &StopSignals(), nullptr);
   GlobalOptions options;
-  const char* from_env = getenv("TESK_SOCKET");
+  const char* from_env = getenv("TESK_SOCKET");  // NOLINT(concurrency-mt-unsafe): no thread yet
   options.socket_path =
       from_env != nullptr && from_env[0] != '\0' ? from_env : DefaultSocketDir() + "/tesk";
 

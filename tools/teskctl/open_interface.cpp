@@ -1,6 +1,6 @@
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <system_error>
 
 #include "command.h"
 #include "teskclient/session.h"
@@ -10,7 +10,7 @@ int OpenInterface(const GlobalOptions& options, uint32_t interface_id, Object* s
   const int error = teskclient::Connect(options.socket_path, &root);
   if (error != 0) {
     fprintf(stderr, "teskctl: cannot reach the daemon at %s: %s\n", options.socket_path.c_str(),
-            strerror(error < 0 ? -error : EIO));
+            std::generic_category().message(error < 0 ? -error : EIO).c_str());
     return kExitUnreachable;
   }
   const int32_t result = teskclient::OpenService(root, interface_id, service);

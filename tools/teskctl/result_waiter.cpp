@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
+#include <system_error>
 
 const sigset_t& StopSignals() {
   static const sigset_t signals = [] {
@@ -25,13 +26,16 @@ const sigset_t& StopSignals() {
 ResultWaiter::ResultWaiter() {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
-    fprintf(stderr, "teskctl: pipe failed: %s\n", strerror(errno));
+    fprintf(stderr, "teskctl: pipe failed: %s\n", std::generic_category().message(errno).c_str());
     return;
   }
   read_fd_ = fds[0];
   write_fd_ = fds[1];
   signal_fd_ = signalfd(-1, &StopSignals(), SFD_CLOEXEC | SFD_NONBLOCK);
-  if (signal_fd_ < 0) fprintf(stderr, "teskctl: signalfd failed: %s\n", strerror(errno));
+  if (signal_fd_ < 0) {
+    fprintf(stderr, "teskctl: signalfd failed: %s\n",
+            std::generic_category().message(errno).c_str());
+  }
 }
 
 ResultWaiter::~ResultWaiter() {
