@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev llvm
-          libgtest-dev libgmock-dev googletest libbenchmark-dev
+          libgtest-dev libgmock-dev googletest libbenchmark-dev clang-format clang-tidy
           linux-libc-dev strace blueprint-tools)
 
 missing=()

@@ -4,14 +4,15 @@
 # every fuzzer), the concurrency tests under ThreadSanitizer (clang), and a
 # brief run of every benchmark so that none rots (their numbers never fail).
 # The soak stage runs the daemon under many good and bad clients at once for
-# a short while (scripts/soak.sh runs it longer).
-# Usage: scripts/test.sh [dev|bench|soak|asan|fuzz|tsan]...   (default: all of them)
+# a short while (scripts/soak.sh runs it longer). The lint stage fails on any
+# clang-format difference or clang-tidy finding (scripts/lint.sh).
+# Usage: scripts/test.sh [dev|lint|bench|soak|asan|fuzz|tsan]...   (default: all of them)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 stages=("$@")
-[ ${#stages[@]} -eq 0 ] && stages=(dev bench soak asan fuzz tsan)
+[ ${#stages[@]} -eq 0 ] && stages=(dev lint bench soak asan fuzz tsan)
 fuzz_seconds=${TESK_FUZZ_SECONDS:-12}  # per target; scripts/fuzz.sh runs them longer
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
@@ -44,6 +45,9 @@ for stage in "${stages[@]}"; do
       if [ "$stage" = dev ]; then check_blueprints; fi
       build "$stage"
       ctest --preset "$stage"
+      ;;
+    lint)
+      scripts/lint.sh
       ;;
     soak)
       # The 100,000-target ranging client is left out here: the daemon keeps

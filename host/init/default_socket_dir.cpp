@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 std::string DefaultSocketDir() {
-  const std::string configured = TESK_SOCKET_DIR;
+  std::string configured = TESK_SOCKET_DIR;
   if (!configured.empty()) return configured;
   // The runtime folder is private to its user by definition: nobody else can
   // create or swap anything in it.

@@ -69,8 +69,8 @@ int OpenOrCreate(int parent, const std::string& name, const std::string& path, m
     if (fd >= 0) return fd;
     if (errno == ENOTDIR || errno == ELOOP) {
       struct stat st {};
-      const bool link = fstatat(parent, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                        S_ISLNK(st.st_mode);
+      const bool link =
+          fstatat(parent, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
       *error = refusal + path + (link ? " is a symlink" : " is not a folder");
       return -1;
     }
@@ -115,7 +115,9 @@ int OpenSocketFolder(const std::string& dir, mode_t create_mode, std::string* er
     }
     const std::string why = Distrust(st, last);
     if (!why.empty()) {
-      *error = refusal + (path.empty() ? "/" : path) + " is " + why;
+      *error = refusal;
+      *error += path.empty() ? "/" : path;
+      *error += " is " + why;
       return -1;
     }
     if (last) return current.Release();

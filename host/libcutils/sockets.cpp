@@ -9,7 +9,8 @@
 int android_get_control_socket(const char* name) {
   if (name == nullptr) return -1;
   const std::string key = std::string(ANDROID_SOCKET_ENV_PREFIX) + name;
-  const char* value = getenv(key.c_str());
+  // Read at start-up, and nothing in the daemon sets the environment.
+  const char* value = getenv(key.c_str());  // NOLINT(concurrency-mt-unsafe)
   if (value == nullptr || *value == '\0') return -1;
 
   errno = 0;

@@ -30,7 +30,8 @@ bool Arena::Reserve(uint64_t size) {
   Free();
   if (size > SIZE_MAX - kPage) return false;
   if (size < kMappedArena) {
-    data_ = new (std::nothrow) uint8_t[size];
+    // Freed by Free() with the mapped case beside it: owned by data_ on purpose.
+    data_ = new (std::nothrow) uint8_t[size];  // NOLINT(cppcoreguidelines-owning-memory)
     if (data_ != nullptr) capacity_ = static_cast<size_t>(size);
   } else {
     const size_t length = (static_cast<size_t>(size) + kPage - 1) & ~(kPage - 1);

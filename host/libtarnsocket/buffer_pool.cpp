@@ -8,7 +8,7 @@ namespace tarnsocket {
 
 BufferPool& BufferPool::Instance() {
   // Never destroyed: library threads may give arenas back during exit.
-  static BufferPool* pool = new BufferPool();
+  static BufferPool* pool = new BufferPool();  // NOLINT(cppcoreguidelines-owning-memory)
   return *pool;
 }
 

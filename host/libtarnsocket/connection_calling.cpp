@@ -163,6 +163,7 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
           waiter->outs[i] = entry->object;
         } else {
           Proxy*& proxy = imports_[refs[i].handle];
+          // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the import table owns it
           if (proxy == nullptr) proxy = new Proxy{shared_from_this(), refs[i].handle, 0, 0};
           ++proxy->refs;
           ++proxy->received;

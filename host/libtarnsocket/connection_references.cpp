@@ -30,7 +30,7 @@ void Connection::ReleaseProxy(Proxy* proxy) {
   if (send) SendRelease(proxy->handle, proxy->received);
   // A client's connection lives as long as it holds something from it.
   if (last_import) Close(nullptr);
-  delete proxy;
+  delete proxy;  // NOLINT(cppcoreguidelines-owning-memory): the import table owned it
 }
 
 bool Connection::Marshal(const Object& object, ObjectRef* ref) {
@@ -136,6 +136,7 @@ bool Connection::ResolveInvoke(InvokeFrame* frame) {
           frame->in_objects[i] = entry->object;
         } else {
           Proxy*& proxy = imports_[ref.handle];
+          // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the import table owns it
           if (proxy == nullptr) proxy = new Proxy{shared_from_this(), ref.handle, 0, 0};
           ++proxy->refs;
           ++proxy->received;

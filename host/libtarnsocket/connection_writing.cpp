@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <string.h>
 
+#include <system_error>
+
 #include "connection.h"
 
 namespace tarnsocket {
@@ -10,7 +12,7 @@ namespace {
 
 // However slowly the peer reads, it must take at least this many bytes per
 // millisecond (16 MiB/s) beyond the stall timeout.
-constexpr uint64_t kMinBytesPerMs = 16 * 1024;
+constexpr uint64_t kMinBytesPerMs = uint64_t{16} * 1024;
 
 }  // namespace
 
@@ -53,7 +55,7 @@ int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading) {
     if (quiet || rc == -EPIPE || rc == -ECONNRESET) {
       Close(nullptr);
     } else {
-      CloseWithLog("send failed: %d (%s)", -rc, strerror(-rc));
+      CloseWithLog("send failed: %d (%s)", -rc, std::generic_category().message(-rc).c_str());
     }
   }
   return rc;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <system_error>
 
 #include "buffer_pool.h"
 #include "socket_io.h"
@@ -17,7 +18,7 @@ namespace {
 // Bodies up to this size are read ahead with the header and then laid out
 // in the arena; larger ones are read straight into place.
 constexpr uint32_t kInlineBody = 4096;
-constexpr size_t kReadAhead = 2 * kInlineBody;
+constexpr size_t kReadAhead = size_t{2} * kInlineBody;
 
 int64_t Nanoseconds(Clock::time_point when) {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count();
@@ -216,7 +217,7 @@ FrameReader::Result FrameReader::Read(int fd, Clock::time_point until, bool mid_
       return Result::kFailed;
     }
     if (error != EAGAIN && error != EWOULDBLOCK) {
-      return Fail("read failed: %d (%s)", error, strerror(error));
+      return Fail("read failed: %d (%s)", error, std::generic_category().message(error).c_str());
     }
     if (flags == 0) continue;  // the blocking recv timed out: poll the rest
     if (!may_wait || Clock::now() >= wait_until) {

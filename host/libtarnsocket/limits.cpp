@@ -10,7 +10,8 @@ namespace {
 
 // A positive number up to max from the environment, else fallback.
 uint64_t FromEnvironment(const char* name, uint64_t fallback, uint64_t max) {
-  const char* value = getenv(name);
+  // Read once, before the library starts a thread.
+  const char* value = getenv(name);  // NOLINT(concurrency-mt-unsafe)
   if (value == nullptr || *value == '\0') return fallback;
   errno = 0;
   char* end = nullptr;

@@ -7,6 +7,7 @@
 
 #include <mutex>
 #include <new>
+#include <system_error>
 #include <vector>
 
 #include "endpoint.h"
@@ -19,6 +20,7 @@ namespace {
 // Service handles stay valid for the life of the process, so that a late
 // TarnIPC_stopService or a second TarnIPC_join on an ended service is safe.
 std::mutex g_services_mutex;
+// NOLINTNEXTLINE(cppcoreguidelines-owning-memory): never destroyed
 std::vector<Endpoint*>* g_services = new std::vector<Endpoint*>();
 
 bool CanServe(int fd) {
@@ -34,12 +36,14 @@ bool CanServe(int fd) {
     return false;
   }
   if (listen(fd, SOMAXCONN) != 0) {
-    LogError("Cannot serve on fd %d: listen failed: %d (%s)", fd, errno, strerror(errno));
+    LogError("Cannot serve on fd %d: listen failed: %d (%s)", fd, errno,
+             std::generic_category().message(errno).c_str());
     return false;
   }
   const int flags = fcntl(fd, F_GETFL);
   if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
-    LogError("Cannot serve on fd %d: fcntl failed: %d (%s)", fd, errno, strerror(errno));
+    LogError("Cannot serve on fd %d: fcntl failed: %d (%s)", fd, errno,
+             std::generic_category().message(errno).c_str());
     return false;
   }
   return true;
@@ -56,12 +60,15 @@ __attribute__((visibility("default"))) void* TarnIPC_startServiceOnSocket(int fd
                                                                           ObjectInvoke invoke,
                                                                           void* context) {
   if (invoke == nullptr || !tarnsocket::CanServe(fd)) return nullptr;
+  // Owned by g_services once started, for the life of the process.
+  // NOLINTNEXTLINE(cppcoreguidelines-owning-memory)
   Endpoint* endpoint = new (std::nothrow) Endpoint(fd, Object{invoke, context});
   if (endpoint == nullptr) return nullptr;
   const int rc = endpoint->Start();
   if (rc != 0) {
-    tarnsocket::LogError("Cannot start service: %d (%s)", -rc, strerror(-rc));
-    delete endpoint;
+    tarnsocket::LogError("Cannot start service: %d (%s)", -rc,
+                         std::generic_category().message(-rc).c_str());
+    delete endpoint;  // NOLINT(cppcoreguidelines-owning-memory)
     return nullptr;
   }
   std::lock_guard<std::mutex> lock(tarnsocket::g_services_mutex);

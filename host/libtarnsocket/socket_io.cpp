@@ -27,7 +27,7 @@ iovec* Advance(iovec* iov, int* count, size_t n) {
 
 bool SetShortReceiveWait(int fd) {
   timeval tv{};
-  tv.tv_usec = static_cast<suseconds_t>(kShortWaitMs * 1000);
+  tv.tv_usec = static_cast<suseconds_t>(kShortWaitMs) * 1000;
   return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
 }
 

@@ -90,7 +90,8 @@ class Logger {
   }
 
  private:
-  Logger() { ParseEnvironment(getenv("KY_LOG_LEVEL")); }
+  // Nothing in a process that logs through here sets the environment.
+  Logger() { ParseEnvironment(getenv("KY_LOG_LEVEL")); }  // NOLINT(concurrency-mt-unsafe)
 
   int LevelLocked(const char* tag) const {
     auto forced = env_levels_.find(tag);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <unordered_map>
 
 #include "scenario_ap.h"
@@ -231,7 +232,7 @@ bool LoadScenarioFile(const char* path, Scenario* out, std::string* error) {
   if (file == nullptr) {
     const int err = errno;
     *error = std::string(path) + ": cannot open: " + std::to_string(err) + " (" +
-             std::strerror(err) + ")";
+             std::generic_category().message(err) + ")";
     return false;
   }
   std::string text;

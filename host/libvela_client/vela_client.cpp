@@ -22,7 +22,8 @@ bool LoadScenario(vela_sim::Scenario* scenario, std::string* source, std::string
     *source = "set by the test";
     return vela_sim::ParseScenario(text, scenario, error);
   }
-  const char* path = std::getenv("VELA_SCENARIO");
+  // Nothing in a process that uses the library sets the environment.
+  const char* path = std::getenv("VELA_SCENARIO");  // NOLINT(concurrency-mt-unsafe)
   if (path != nullptr && path[0] != '\0') {
     *source = path;
     return vela_sim::LoadScenarioFile(path, scenario, error);

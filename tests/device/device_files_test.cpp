@@ -122,7 +122,7 @@ Rc ReadRc(const std::string& relative) {
 std::string DaemonDomain(const std::string& te) {
   std::smatch m;
   return std::regex_search(te, m, std::regex("init_daemon_domain\\(([a-z0-9_]+)\\)")) ? m[1].str()
-                                                                                     : "";
+                                                                                      : "";
 }
 
 TEST(DeviceFiles, BinaryIsNamedAlikeEverywhere) {
@@ -150,7 +150,7 @@ TEST(DeviceFiles, BinaryIsNamedAlikeEverywhere) {
       {"label of the binary", exec_type, domain + "_exec"},
       {"exec type declaration",
        std::regex_search(te, std::regex("type\\s+" + exec_type + "\\s*,\\s*exec_type")) ? "yes"
-                                                                                          : "no",
+                                                                                        : "no",
        "yes"},
   };
   for (const Row& row : rows) EXPECT_EQ(row.value, row.expected) << row.what;
@@ -238,7 +238,11 @@ TEST(DeviceFiles, SocketAgreesWithPolicy) {
   };
   const Row rows[] = {
       {"daemon serves its socket", te, domain, "self", socket_class, {"listen", "accept"}},
-      {"daemon reads nl80211", te, domain, "self", "netlink_generic_socket",
+      {"daemon reads nl80211",
+       te,
+       domain,
+       "self",
+       "netlink_generic_socket",
        {"create", "setopt", "read", "write"}},
       {"client writes the socket file", macros, "$1", socket_type, "sock_file", {"write"}},
       {"client connects to the daemon", macros, "$1", domain, socket_class, {"connectto"}},
@@ -256,8 +260,8 @@ TEST(DeviceFiles, DaemonServesOnTheSocketTheRcDeclares) {
   const Rc rc = ReadRc(BlueprintList(Read("Android.bp"), "init_rc").at(0));
   ASSERT_EQ(rc.socket.size(), 6u);
   tesk_test::TempDir dir;
-  std::vector<std::string> args = {TESK_HOSTINIT_PATH, "--socket-dir", dir.path(), "--name",
-                                   rc.socket[1],       "--type",       rc.socket[2], "--mode",
+  std::vector<std::string> args = {TESK_HOSTINIT_PATH, "--socket-dir", dir.path(),      "--name",
+                                   rc.socket[1],       "--type",       rc.socket[2],    "--mode",
                                    rc.socket[3],       "--",           TESK_DAEMON_PATH};
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
@@ -274,8 +278,7 @@ TEST(DeviceFiles, DaemonServesOnTheSocketTheRcDeclares) {
   }
   Object scan = kNullObject;
   const int32_t opened =
-      connected == 0 ? teskclient::OpenService(root, kInterfaceDiscoveryScan, &scan)
-                     : -1;
+      connected == 0 ? teskclient::OpenService(root, kInterfaceDiscoveryScan, &scan) : -1;
   if (opened == OBJECT_OK) ObjectRelease(scan);
   if (connected == 0) ObjectRelease(root);
   kill(launcher, SIGTERM);

@@ -115,7 +115,9 @@ TEST(Hostinit, RefusesWhatSomebodyElseCouldControl) {
        },
        kExitFailure, "s/tesk: it exists and is not a socket"},
       {"relative folder",
-       [](const TempDir&) { return std::vector<std::string>{"--socket-dir", "run/s"}; },
+       [](const TempDir&) {
+         return std::vector<std::string>{"--socket-dir", "run/s"};
+       },
        kExitFailure, "must be an absolute path"},
       {"mode with special bits",
        [](const TempDir& root) {
@@ -157,7 +159,8 @@ TEST(Hostinit, RefusesAFolderOwnedByAnotherUser) {
   const std::string taken = root.Join("taken");
   ASSERT_EQ(mkdir(taken.c_str(), 0700), 0);
   ASSERT_EQ(chown(taken.c_str(), 65534, 65534), 0);
-  const ProcessResult result = RunHostinit({"--socket-dir", taken}, "touch " + root.Join("started"));
+  const ProcessResult result =
+      RunHostinit({"--socket-dir", taken}, "touch " + root.Join("started"));
   EXPECT_EQ(result.exit_code, kExitFailure);
   EXPECT_NE(result.err.find("taken is owned by uid 65534, not by uid 0"), std::string::npos)
       << result.err;
@@ -191,9 +194,9 @@ TEST(Hostinit, SocketHasTheRequestedModeAndReachesTheService) {
       close(Listen(dir + "/" + c.name));
     }
     const std::string variable = std::string("ANDROID_SOCKET_") + c.name;
-    const ProcessResult result = RunHostinit(
-        {"--socket-dir", dir, "--mode", c.mode, "--name", c.name},
-        "test -S /proc/self/fd/$" + variable + " && stat -c %a " + dir + "/" + c.name);
+    const ProcessResult result =
+        RunHostinit({"--socket-dir", dir, "--mode", c.mode, "--name", c.name},
+                    "test -S /proc/self/fd/$" + variable + " && stat -c %a " + dir + "/" + c.name);
     EXPECT_EQ(result.exit_code, 0) << result.err;
     EXPECT_EQ(result.out, std::string(c.socket_mode) + "\n");
     if (!c.stale) {
@@ -222,8 +225,8 @@ TEST(Hostinit, PassesStopRequestsOn) {
         "\"$0\" --socket-dir \"$1\" --grace 1 -- /bin/sh -c \"$2\" & pid=$!\n"
         "while [ ! -e \"$1/../ready\" ]; do sleep 0.05; done\n"
         "kill -TERM $pid; wait $pid; echo $?; test -e \"$1/tesk\" && echo left behind; true";
-    const ProcessResult result = RunProcess(
-        {"/bin/sh", "-c", script, BuiltBinary("hostinit"), root.Join("s"), service});
+    const ProcessResult result =
+        RunProcess({"/bin/sh", "-c", script, BuiltBinary("hostinit"), root.Join("s"), service});
     EXPECT_EQ(result.out, std::string(c.status) + "\n") << result.err;
     EXPECT_NE(result.err.find("hostinit: stopping pid"), std::string::npos) << result.err;
   }
@@ -234,8 +237,7 @@ TEST(Hostinit, PassesStopRequestsOn) {
 TEST(Hostinit, TeskctlFindsTheSocketInTheDefaultFolder) {
   if (std::string(TESK_SOCKET_DIR) != "") GTEST_SKIP() << "folder fixed at configure time";
   TempDir runtime;
-  const std::vector<std::string> environment = {"XDG_RUNTIME_DIR=" + runtime.path(),
-                                                "TESK_SOCKET"};
+  const std::vector<std::string> environment = {"XDG_RUNTIME_DIR=" + runtime.path(), "TESK_SOCKET"};
   const std::string script =
       "\"$0\" -- \"$1\" 2>\"$3/log\" & pid=$!\n"
       "for i in $(seq 200); do grep -q 'Serving TESK' \"$3/log\" && break; sleep 0.05; done\n"

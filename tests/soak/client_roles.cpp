@@ -28,7 +28,7 @@ using std::chrono::milliseconds;
 
 struct Tally {
   int started = 0;
-  int refused = 0;    // the daemon answered 1: not started
+  int refused = 0;  // the daemon answered 1: not started
   int results = 0;
   int unanswered = 0;  // no delivery in time (a dropped request, a slow service)
   int reconnects = 0;
@@ -40,7 +40,9 @@ struct Tally {
 class Client {
  public:
   Client(const RoleOptions& options, uint32_t interface)
-      : options_(options), interface_(interface), random_(options.seed),
+      : options_(options),
+        interface_(interface),
+        random_(options.seed),
         deadline_(Clock::now() + milliseconds(static_cast<int64_t>(options.seconds * 1000))) {}
   ~Client() { Close(); }
 
@@ -94,8 +96,8 @@ class Client {
                            "reconnects=%d ended=%d retained=%d released=%d\n",
                            role.c_str(), t.started, t.refused, t.results, t.unanswered,
                            t.reconnects, t.connections_ended, retained, released);
-    const int fd = open(options_.report_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC,
-                        0600);
+    const int fd =
+        open(options_.report_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0) {
       // One write of a short line to a file opened for appending: lines of
       // concurrent clients do not mix.
@@ -218,8 +220,8 @@ int Deauth(const RoleOptions& options) {
 }
 
 int KillMidScan(const RoleOptions& options) {
-  const uint32_t interface = options.seed % 2 == 0 ? kInterfaceDiscoveryScan
-                                                   : kInterfaceRangingScan;
+  const uint32_t interface =
+      options.seed % 2 == 0 ? kInterfaceDiscoveryScan : kInterfaceRangingScan;
   Client client(options, interface);
   if (!client.Open()) return 0;
   const int scans = 1 + static_cast<int>(client.random()() % 4);
@@ -249,8 +251,7 @@ int KillMidRegistration(const RoleOptions& options) {
 int Deaf(const RoleOptions& options) {
   Client client(options, 0);
   const int fd = RawConnect(options.socket_path);
-  const uint32_t service =
-      fd >= 0 ? RawOpenService(fd, kInterfaceRangingScan) : 0;
+  const uint32_t service = fd >= 0 ? RawOpenService(fd, kInterfaceRangingScan) : 0;
   if (service != 0 && RawStartRanging(fd, service, 2000)) ++client.tally().started;
   const double idle = options.seconds < 8 ? options.seconds : 8;
   std::this_thread::sleep_for(milliseconds(static_cast<int64_t>(idle * 1000)));
@@ -339,8 +340,8 @@ int NoDelay(std::minstd_rand&) {
 
 const std::vector<std::string>& RoleNames() {
   static const std::vector<std::string> names = {
-      "scan", "range", "early", "deauth", "kill-scan", "slow",
-      "scan", "range", "silent", "kill-register", "deaf", "malformed"};
+      "scan", "range", "early",  "deauth",        "kill-scan", "slow",
+      "scan", "range", "silent", "kill-register", "deaf",      "malformed"};
   return names;
 }
 
@@ -358,14 +359,14 @@ int RunRole(const std::string& name, const RoleOptions& options) {
         [](std::minstd_rand& random) { return 1500 + static_cast<int>(random() % 2500); }, true);
   }
   if (name == "late") {
-    return ScanLoop(name, options, kInterfaceDiscoveryScan,
-                    [](std::minstd_rand&) { return 3500; }, true);
+    return ScanLoop(
+        name, options, kInterfaceDiscoveryScan, [](std::minstd_rand&) { return 3500; }, true);
   }
   if (name == "huge-range") return HugeRanging(options);
   if (name == "fickle") return Fickle(options);
   if (name == "silent") {
-    return ScanLoop(name, options, kInterfaceDiscoveryScan,
-                    [](std::minstd_rand&) { return -1; }, true);
+    return ScanLoop(
+        name, options, kInterfaceDiscoveryScan, [](std::minstd_rand&) { return -1; }, true);
   }
   if (name == "deauth") return Deauth(options);
   if (name == "kill-scan") return KillMidScan(options);

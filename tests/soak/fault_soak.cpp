@@ -28,8 +28,14 @@ std::string FaultScenario() {
   std::stringstream text;
   text << neighbourhood.rdbuf() << "\n";
   const std::pair<const char*, unsigned> faults[] = {
-      {"drop", 7},          {"null", 13},      {"wrong-type", 19}, {"odd-type", 23},
-      {"odd-measurement", 29}, {"duplicate", 31}, {"refuse", 43},     {"status", 37},
+      {"drop", 7},
+      {"null", 13},
+      {"wrong-type", 19},
+      {"odd-type", 23},
+      {"odd-measurement", 29},
+      {"duplicate", 31},
+      {"refuse", 43},
+      {"status", 37},
   };
   for (const auto& [fault, residue] : faults) {
     text << "fault " << fault << " ";
@@ -168,8 +174,8 @@ int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& on
   long retained = 0, released = 0;
   printf("fault soak: %.0f s, %d clients at once, %d clients started, %d killed by the soak\n",
          seconds, clients, started, killed_by_soak);
-  printf("  %-14s %7s %8s %8s %8s %10s %10s %6s %9s %9s\n", "role", "clients", "started",
-         "refused", "results", "unanswered", "reconnects", "ended", "retained", "released");
+  printf("  %-14s %7s %8s %8s %8s %10s %10s %6s %9s %9s\n", "role", "clients", "started", "refused",
+         "results", "unanswered", "reconnects", "ended", "retained", "released");
   for (const auto& [role, totals] : ReadReports(report)) {
     auto f = totals.fields;
     printf("  %-14s %7d %8ld %8ld %8ld %10ld %10ld %6ld %9ld %9ld\n", role.c_str(), totals.clients,
@@ -184,17 +190,17 @@ int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& on
          handles.released, static_cast<long>(handles.started - handles.released));
   printf("  connections the library ended: %zu\n", daemon.CountInLog("tarnsocket: Connection"));
   printf("  daemon descriptors: baseline %d, end %d\n", baseline.descriptors, end.descriptors);
-  printf("  daemon resident: idle %ld KiB, after %.0f s of warm-up %ld KiB, end %ld KiB (%+ld KiB)\n",
-         cold.resident_kib, warm_up, baseline.resident_kib, end.resident_kib,
-         end.resident_kib - baseline.resident_kib);
+  printf(
+      "  daemon resident: idle %ld KiB, after %.0f s of warm-up %ld KiB, end %ld KiB (%+ld KiB)\n",
+      cold.resident_kib, warm_up, baseline.resident_kib, end.resident_kib,
+      end.resident_kib - baseline.resident_kib);
   printf("  daemon threads: idle %d, after warm-up %d, end %d\n", cold.threads, baseline.threads,
          end.threads);
   printf("  daemon alive: %s, teskctl scan afterwards: %s (%ld ms)\n", alive ? "yes" : "no",
          answer_ms >= 0 ? "ok" : "failed", answer_ms);
 
   const bool ok = alive && answer_ms >= 0 && failed == 0 && retained == released &&
-                  handles.started == handles.released &&
-                  end.descriptors <= baseline.descriptors &&
+                  handles.started == handles.released && end.descriptors <= baseline.descriptors &&
                   end.resident_kib <= baseline.resident_kib + 16 * 1024;
   printf("fault soak: %s\n", ok ? "PASSED" : "FAILED");
   return ok ? 0 : 1;

@@ -68,7 +68,8 @@ class SlowSenders {
           connected += s.fd >= 0;
           continue;
         }
-        const ssize_t n = send(s.fd, &frame_[s.sent % frame_.size()], 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t n =
+            send(s.fd, &frame_[s.sent % frame_.size()], 1, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n == 1) {
           ++s.sent;
           s.next = now + milliseconds(1000);
@@ -100,7 +101,8 @@ class MemoryPinners {
  public:
   MemoryPinners(const std::string& socket_path, int count)
       : frame_(InvokeFrame(1, 0, OBJECT_OP_METHOD, {Bytes((16u << 20) - 64, 0x5a)}, 0, 1)) {
-    for (int i = 0; i < count; ++i) threads_.emplace_back([this, socket_path] { Run(socket_path); });
+    for (int i = 0; i < count; ++i)
+      threads_.emplace_back([this, socket_path] { Run(socket_path); });
   }
   ~MemoryPinners() {
     stop_ = true;
@@ -145,8 +147,9 @@ struct Timings {
 
 // Runs `teskctl scan` one after the other, at least `runs` times and until
 // `enough` says so.
-Timings TimeScans(const std::string& socket_path, int runs,
-                  const std::function<bool()>& enough = [] { return true; }) {
+Timings TimeScans(
+    const std::string& socket_path, int runs,
+    const std::function<bool()>& enough = [] { return true; }) {
   std::vector<long> times;
   Timings timings;
   for (int i = 0; i < runs || !enough(); ++i) {
@@ -234,29 +237,32 @@ int RunPressureSoak(const PressureOptions& options) {
   do {
     std::this_thread::sleep_for(milliseconds(250));
     end = ReadFigures(daemon);
-  } while (Clock::now() < settle_deadline &&
-           (end.resident_kib > idle.resident_kib + 16 * 1024 || end.descriptors > idle.descriptors));
+  } while (Clock::now() < settle_deadline && (end.resident_kib > idle.resident_kib + 16 * 1024 ||
+                                              end.descriptors > idle.descriptors));
 
   KeepLog(daemon);
   // Generous on purpose: a loaded two-core machine must not fail it.
   const long allowed_ms = 2 * (normal.max_ms + options.bound_ms);
   const long arriving_allowed_ms =
       2 * (normal.max_ms + options.bound_ms + options.callback_clients * kCallbackWaitMs);
-  printf("pressure soak: %d slow senders, %d callback clients (late, silent, not reading), "
-         "%d connections of 16 MiB calls, %d clients of 100,000-target ranging scans\n",
-         options.slow_senders, options.callback_clients, options.pinning_connections,
-         options.huge_ranging_clients);
+  printf(
+      "pressure soak: %d slow senders, %d callback clients (late, silent, not reading), "
+      "%d connections of 16 MiB calls, %d clients of 100,000-target ranging scans\n",
+      options.slow_senders, options.callback_clients, options.pinning_connections,
+      options.huge_ranging_clients);
   printf("  teskctl scan alone:             median %5ld ms, max %5ld ms, %d of %d failed\n",
          normal.median_ms, normal.max_ms, normal.failed, normal.runs);
-  printf("  teskctl scan while they arrive: median %5ld ms, max %5ld ms, %d of %d failed "
-         "(allowed: 2 x (%ld + %ld + %d x %ld) = %ld ms); offences caught %zu\n",
-         arriving.median_ms, arriving.max_ms, arriving.failed, arriving.runs, normal.max_ms,
-         options.bound_ms, options.callback_clients, kCallbackWaitMs, arriving_allowed_ms,
-         offences_caught);
-  printf("  teskctl scan under attack:      median %5ld ms, max %5ld ms, %d of %d failed "
-         "(allowed: 2 x (%ld + %ld) = %ld ms)\n",
-         attacked.median_ms, attacked.max_ms, attacked.failed, attacked.runs, normal.max_ms,
-         options.bound_ms, allowed_ms);
+  printf(
+      "  teskctl scan while they arrive: median %5ld ms, max %5ld ms, %d of %d failed "
+      "(allowed: 2 x (%ld + %ld + %d x %ld) = %ld ms); offences caught %zu\n",
+      arriving.median_ms, arriving.max_ms, arriving.failed, arriving.runs, normal.max_ms,
+      options.bound_ms, options.callback_clients, kCallbackWaitMs, arriving_allowed_ms,
+      offences_caught);
+  printf(
+      "  teskctl scan under attack:      median %5ld ms, max %5ld ms, %d of %d failed "
+      "(allowed: 2 x (%ld + %ld) = %ld ms)\n",
+      attacked.median_ms, attacked.max_ms, attacked.failed, attacked.runs, normal.max_ms,
+      options.bound_ms, allowed_ms);
   printf("  slow senders connected at the end %d, their connections the daemon ended %d\n",
          slow_connected, slow_ended);
   printf("  16 MiB calls answered %d, their connections ended %d\n", pinned_calls, pinned_ended);
@@ -267,11 +273,10 @@ int RunPressureSoak(const PressureOptions& options) {
          during.descriptors, end.descriptors);
   printf("  daemon threads: idle %d, under attack %d, after %d\n", idle.threads, during.threads,
          end.threads);
-  const bool ok = daemon.Running() && normal.failed == 0 && arriving.failed == 0 &&
-                  attacked.failed == 0 && arriving.max_ms <= arriving_allowed_ms &&
-                  attacked.max_ms <= allowed_ms &&
-                  end.resident_kib <= idle.resident_kib + 16 * 1024 &&
-                  end.descriptors <= idle.descriptors;
+  const bool ok =
+      daemon.Running() && normal.failed == 0 && arriving.failed == 0 && attacked.failed == 0 &&
+      arriving.max_ms <= arriving_allowed_ms && attacked.max_ms <= allowed_ms &&
+      end.resident_kib <= idle.resident_kib + 16 * 1024 && end.descriptors <= idle.descriptors;
   printf("pressure soak: %s\n", ok ? "PASSED" : "FAILED");
   return ok ? 0 : 1;
 }

@@ -16,9 +16,9 @@ struct PressureOptions {
   int slow_senders = 1000;
   int callback_clients = 50;  // handed the kinds below in turn
   std::vector<std::string> callback_kinds = {"late", "silent", "deaf"};
-  int pinning_connections = 8;  // each sends 16 MiB calls
+  int pinning_connections = 8;   // each sends 16 MiB calls
   int huge_ranging_clients = 1;  // each runs 100,000-target ranging scans
-  long bound_ms = 250;        // the delay a slow peer may cost others
+  long bound_ms = 250;           // the delay a slow peer may cost others
 };
 
 int RunPressureSoak(const PressureOptions& options);

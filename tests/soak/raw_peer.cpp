@@ -154,7 +154,8 @@ std::vector<MalformedFrame> MalformedFrames() {
   return {
       {"unknown frame type", header_only(Header(9, 0, 1, 0, 0, 0))},
       {"body over the frame limit", header_only(Header(kFrameInvoke, (64u << 20) + 1, 1, 0, 0, 0))},
-      {"output buffers declared", header_only(Header(kFrameInvoke, 0, 1, 0, 0, OBJECT_COUNTS(0, 1, 0, 0)))},
+      {"output buffers declared",
+       header_only(Header(kFrameInvoke, 0, 1, 0, 0, OBJECT_COUNTS(0, 1, 0, 0)))},
       {"retain sent as a call", header_only(Header(kFrameInvoke, 0, 1, 0, OBJECT_OP_RETAIN, 0))},
       {"call on a handle never given", InvokeFrame(1, 77, 0, {{1, 0, 0, 0}}, 0, 1)},
       {"release of a handle never given", header_only(Header(kFrameRelease, 0, 0, 77, 1, 0))},

@@ -25,8 +25,12 @@ teskclient::EncodedRangingScan RangingScan(size_t targets, bool periodic) {
   plan.ts = 1;
   plan.targets.resize(targets);
   for (size_t i = 0; i < targets; ++i) {
-    plan.targets[i].mac = {0x02, 0x00, static_cast<uint8_t>(i >> 24), static_cast<uint8_t>(i >> 16),
-                           static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
+    plan.targets[i].mac = {0x02,
+                           0x00,
+                           static_cast<uint8_t>(i >> 24),
+                           static_cast<uint8_t>(i >> 16),
+                           static_cast<uint8_t>(i >> 8),
+                           static_cast<uint8_t>(i)};
   }
   return teskclient::EncodeRangingScan(plan);
 }

@@ -13,11 +13,16 @@
 namespace tesk_soak {
 
 pid_t StartClient(const std::string& role, const RoleOptions& options) {
-  std::vector<std::string> args = {"/proc/self/exe",      "--role",
-                                   role,                  "--socket",
-                                   options.socket_path,   "--seed",
-                                   std::to_string(options.seed), "--seconds",
-                                   std::to_string(options.seconds), "--report",
+  std::vector<std::string> args = {"/proc/self/exe",
+                                   "--role",
+                                   role,
+                                   "--socket",
+                                   options.socket_path,
+                                   "--seed",
+                                   std::to_string(options.seed),
+                                   "--seconds",
+                                   std::to_string(options.seconds),
+                                   "--report",
                                    options.report_path};
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
@@ -81,8 +86,7 @@ long TimedTeskctlScan(const std::string& socket_path, int attempts) {
         std::chrono::steady_clock::now() - start);
     if (result.exit_code == 0) return static_cast<long>(took.count());
     if (attempt >= attempts) {
-      fprintf(stderr, "soak: teskctl scan failed (%d): %s\n", result.exit_code,
-              result.err.c_str());
+      fprintf(stderr, "soak: teskctl scan failed (%d): %s\n", result.exit_code, result.err.c_str());
       return -1;
     }
   }
