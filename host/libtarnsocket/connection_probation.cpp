@@ -112,8 +112,8 @@ void Connection::FlushDeferred() {
       outstanding_ = call.call_id;
       abandoned_.push_back(call.call_id);
       if (abandoned_.size() > kMaxAbandoned) abandoned_.pop_front();
-      outstanding_due_ =
-          After(peer_timeout_ms_) + std::chrono::milliseconds(call.bytes.size() / (16 * 1024));
+      outstanding_due_ = After(peer_timeout_ms_) +
+                         std::chrono::milliseconds(call.bytes.size() / (size_t{16} * 1024));
     }
     iovec iov{call.bytes.data(), call.bytes.size()};
     if (Send(&iov, 1, call.bytes.size()) != 0) return;
@@ -128,6 +128,7 @@ bool Connection::DiscardReplyLocked(const FrameHeader& header, const ObjectRef* 
   for (unsigned i = 0; i < header.counts; ++i) {
     if (refs[i].kind != kRefSenderExport) continue;
     Proxy*& proxy = imports_[refs[i].handle];
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the import table owns it
     if (proxy == nullptr) proxy = new Proxy{shared_from_this(), refs[i].handle, 0, 0};
     ++proxy->refs;
     ++proxy->received;

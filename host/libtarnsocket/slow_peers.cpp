@@ -17,7 +17,8 @@ struct SlowPeers {
 };
 
 SlowPeers& State() {
-  static SlowPeers* state = new SlowPeers();  // library threads may use it during exit
+  // Never destroyed: library threads may use it during exit.
+  static SlowPeers* state = new SlowPeers();  // NOLINT(cppcoreguidelines-owning-memory)
   return *state;
 }
 
