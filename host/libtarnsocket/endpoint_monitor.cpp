@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 #include "buffer_pool.h"
@@ -66,7 +67,8 @@ bool Endpoint::AcceptAll() {
         PauseAccepting(error);
         return true;
       }
-      LogError("Service ends: accept failed: %d (%s)", error, strerror(error));
+      LogError("Service ends: accept failed: %d (%s)", error,
+               std::generic_category().message(error).c_str());
       return false;
     }
     auto connection = std::make_shared<Connection>(fd, Connection::Side::kServer, this, NextId());
@@ -92,7 +94,8 @@ void Endpoint::PauseAccepting(int error) {
   ++accept_failures_;
   if (accept_failures_ == 1 || now - last_accept_warning_ >= kAcceptWarningEvery) {
     LogWarning("accept failed: %d (%s); new connections wait (%llu times since the last warning)",
-               error, strerror(error), static_cast<unsigned long long>(accept_failures_));
+               error, std::generic_category().message(error).c_str(),
+               static_cast<unsigned long long>(accept_failures_));
     last_accept_warning_ = now;
     accept_failures_ = 1;
   }
@@ -178,7 +181,8 @@ void Endpoint::MonitorLoop() {
     sleeping_.store(false);
     if (n < 0) {
       if (errno == EINTR) continue;
-      LogError("Service ends: epoll_wait failed: %d (%s)", errno, strerror(errno));
+      LogError("Service ends: epoll_wait failed: %d (%s)", errno,
+               std::generic_category().message(errno).c_str());
       break;
     }
     bool sweep = false;
