@@ -3,8 +3,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <system_error>
-
 #include "connection.h"
 
 namespace tarnsocket {
@@ -55,7 +53,7 @@ int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading) {
     if (quiet || rc == -EPIPE || rc == -ECONNRESET) {
       Close(nullptr);
     } else {
-      CloseWithLog("send failed: %d (%s)", -rc, std::generic_category().message(-rc).c_str());
+      CloseWithLog("send failed: %d (%s)", -rc, strerror(-rc));  // NOLINT(concurrency-mt-unsafe)
     }
   }
   return rc;

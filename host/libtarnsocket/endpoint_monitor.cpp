@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <memory>
-#include <system_error>
 #include <vector>
 
 #include "buffer_pool.h"
@@ -68,7 +67,7 @@ bool Endpoint::AcceptAll() {
         return true;
       }
       LogError("Service ends: accept failed: %d (%s)", error,
-               std::generic_category().message(error).c_str());
+               strerror(error));  // NOLINT(concurrency-mt-unsafe)
       return false;
     }
     auto connection = std::make_shared<Connection>(fd, Connection::Side::kServer, this, NextId());
@@ -94,7 +93,7 @@ void Endpoint::PauseAccepting(int error) {
   ++accept_failures_;
   if (accept_failures_ == 1 || now - last_accept_warning_ >= kAcceptWarningEvery) {
     LogWarning("accept failed: %d (%s); new connections wait (%llu times since the last warning)",
-               error, std::generic_category().message(error).c_str(),
+               error, strerror(error),  // NOLINT(concurrency-mt-unsafe)
                static_cast<unsigned long long>(accept_failures_));
     last_accept_warning_ = now;
     accept_failures_ = 1;
@@ -182,7 +181,7 @@ void Endpoint::MonitorLoop() {
     if (n < 0) {
       if (errno == EINTR) continue;
       LogError("Service ends: epoll_wait failed: %d (%s)", errno,
-               std::generic_category().message(errno).c_str());
+               strerror(errno));  // NOLINT(concurrency-mt-unsafe)
       break;
     }
     bool sweep = false;

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <system_error>
 
 #include "buffer_pool.h"
 #include "socket_io.h"
@@ -217,7 +216,7 @@ FrameReader::Result FrameReader::Read(int fd, Clock::time_point until, bool mid_
       return Result::kFailed;
     }
     if (error != EAGAIN && error != EWOULDBLOCK) {
-      return Fail("read failed: %d (%s)", error, std::generic_category().message(error).c_str());
+      return Fail("read failed: %d (%s)", error, strerror(error));  // NOLINT(concurrency-mt-unsafe)
     }
     if (flags == 0) continue;  // the blocking recv timed out: poll the rest
     if (!may_wait || Clock::now() >= wait_until) {

@@ -6,6 +6,8 @@
 
 namespace tarnsocket {
 
+// System-call failures carry strerror's text: for the errnos a call returns it is
+// a fixed string in glibc and bionic, so the calls marked NOLINT below are safe.
 void LogError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void LogWarning(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

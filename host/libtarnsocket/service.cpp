@@ -7,7 +7,6 @@
 
 #include <mutex>
 #include <new>
-#include <system_error>
 #include <vector>
 
 #include "endpoint.h"
@@ -37,13 +36,13 @@ bool CanServe(int fd) {
   }
   if (listen(fd, SOMAXCONN) != 0) {
     LogError("Cannot serve on fd %d: listen failed: %d (%s)", fd, errno,
-             std::generic_category().message(errno).c_str());
+             strerror(errno));  // NOLINT(concurrency-mt-unsafe)
     return false;
   }
   const int flags = fcntl(fd, F_GETFL);
   if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
     LogError("Cannot serve on fd %d: fcntl failed: %d (%s)", fd, errno,
-             std::generic_category().message(errno).c_str());
+             strerror(errno));  // NOLINT(concurrency-mt-unsafe)
     return false;
   }
   return true;
@@ -67,8 +66,8 @@ __attribute__((visibility("default"))) void* TarnIPC_startServiceOnSocket(int fd
   const int rc = endpoint->Start();
   if (rc != 0) {
     tarnsocket::LogError("Cannot start service: %d (%s)", -rc,
-                         std::generic_category().message(-rc).c_str());
-    delete endpoint;  // NOLINT(cppcoreguidelines-owning-memory)
+                         strerror(-rc));  // NOLINT(concurrency-mt-unsafe)
+    delete endpoint;                      // NOLINT(cppcoreguidelines-owning-memory)
     return nullptr;
   }
   std::lock_guard<std::mutex> lock(tarnsocket::g_services_mutex);

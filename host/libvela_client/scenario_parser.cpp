@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <system_error>
 #include <unordered_map>
 
 #include "scenario_ap.h"
@@ -232,7 +231,7 @@ bool LoadScenarioFile(const char* path, Scenario* out, std::string* error) {
   if (file == nullptr) {
     const int err = errno;
     *error = std::string(path) + ": cannot open: " + std::to_string(err) + " (" +
-             std::generic_category().message(err) + ")";
+             std::strerror(err) + ")";  // NOLINT(concurrency-mt-unsafe): a fixed text
     return false;
   }
   std::string text;
