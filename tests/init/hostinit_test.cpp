@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -53,82 +53,79 @@ int Listen(const std::string& path) {
   return fd;
 }
 
+// Each case prepares the folder below <root> with steps ("d PATH MODE": a
+// folder; "l TARGET LINK": a symlink; "f PATH": a file; "s PATH": a socket
+// somebody listens on) and names the socket folder, relative to <root>.
 struct Refusal {
   const char* what;
-  // Prepares <root>; returns the arguments before "--".
-  std::function<std::vector<std::string>(const TempDir& root)> prepare;
+  std::vector<std::string> steps;
+  const char* dir;
   int exit_code;
   const char* message;
+  const char* mode = "0660";
 };
 
 TEST(Hostinit, RefusesWhatSomebodyElseCouldControl) {
-  const std::vector<Refusal> cases = {
+  const Refusal cases[] = {
       {"folder writable by others",
-       [](const TempDir& root) {
-         mkdir(root.Join("s").c_str(), 0777);
-         chmod(root.Join("s").c_str(), 0777);
-         return std::vector<std::string>{"--socket-dir", root.Join("s")};
-       },
-       kExitFailure, "s is writable by group or others (mode 0777)"},
+       {"d s 0777"},
+       "s",
+       kExitFailure,
+       "s is writable by group or others (mode 0777)"},
       {"folder writable by its group",
-       [](const TempDir& root) {
-         mkdir(root.Join("s").c_str(), 0770);
-         chmod(root.Join("s").c_str(), 0770);
-         return std::vector<std::string>{"--socket-dir", root.Join("s")};
-       },
-       kExitFailure, "s is writable by group or others (mode 0770)"},
+       {"d s 0770"},
+       "s",
+       kExitFailure,
+       "s is writable by group or others (mode 0770)"},
       {"folder above writable by others, not sticky",
-       [](const TempDir& root) {
-         mkdir(root.Join("open").c_str(), 0777);
-         chmod(root.Join("open").c_str(), 0777);
-         mkdir(root.Join("open/s").c_str(), 0700);
-         return std::vector<std::string>{"--socket-dir", root.Join("open/s")};
-       },
-       kExitFailure, "open is writable by group or others (mode 0777)"},
-      {"folder is a symlink",
-       [](const TempDir& root) {
-         mkdir(root.Join("real").c_str(), 0700);
-         symlink(root.Join("real").c_str(), root.Join("s").c_str());
-         return std::vector<std::string>{"--socket-dir", root.Join("s")};
-       },
-       kExitFailure, "s is a symlink"},
+       {"d open 0777", "d open/s 0700"},
+       "open/s",
+       kExitFailure,
+       "open is writable by group or others (mode 0777)"},
+      {"folder is a symlink", {"d real 0700", "l real s"}, "s", kExitFailure, "s is a symlink"},
       {"folder above is a symlink",
-       [](const TempDir& root) {
-         mkdir(root.Join("real").c_str(), 0700);
-         symlink(root.Join("real").c_str(), root.Join("link").c_str());
-         return std::vector<std::string>{"--socket-dir", root.Join("link/s")};
-       },
-       kExitFailure, "link is a symlink"},
+       {"d real 0700", "l real link"},
+       "link/s",
+       kExitFailure,
+       "link is a symlink"},
       {"socket path is a symlink",
-       [](const TempDir& root) {
-         mkdir(root.Join("s").c_str(), 0700);
-         close(creat(root.Join("target").c_str(), 0600));
-         symlink(root.Join("target").c_str(), root.Join("s/tesk").c_str());
-         return std::vector<std::string>{"--socket-dir", root.Join("s")};
-       },
-       kExitFailure, "s/tesk: it is a symlink"},
+       {"d s 0700", "f target", "l target s/tesk"},
+       "s",
+       kExitFailure,
+       "s/tesk: it is a symlink"},
       {"socket path is a plain file",
-       [](const TempDir& root) {
-         mkdir(root.Join("s").c_str(), 0700);
-         close(creat(root.Join("s/tesk").c_str(), 0600));
-         return std::vector<std::string>{"--socket-dir", root.Join("s")};
-       },
-       kExitFailure, "s/tesk: it exists and is not a socket"},
-      {"relative folder",
-       [](const TempDir&) {
-         return std::vector<std::string>{"--socket-dir", "run/s"};
-       },
-       kExitFailure, "must be an absolute path"},
-      {"mode with special bits",
-       [](const TempDir& root) {
-         return std::vector<std::string>{"--socket-dir", root.Join("s"), "--mode", "4660"};
-       },
-       kExitUsage, "bad mode '4660'"},
+       {"d s 0700", "f s/tesk"},
+       "s",
+       kExitFailure,
+       "s/tesk: it exists and is not a socket"},
+      {"a running service answers on the socket",
+       {"d s 0700", "s s/tesk"},
+       "s",
+       kExitFailure,
+       "a running service answers on it"},
+      {"relative folder", {}, nullptr, kExitFailure, "must be an absolute path"},
+      {"mode with special bits", {}, "s", kExitUsage, "bad mode '4660'", "4660"},
   };
   for (const Refusal& c : cases) {
     SCOPED_TRACE(c.what);
     TempDir root;
-    const ProcessResult result = RunHostinit(c.prepare(root), "touch " + root.Join("started"));
+    std::vector<int> listening;
+    for (const std::string& step : c.steps) {
+      char kind = 0;
+      char a[64] = "", b[64] = "";
+      sscanf(step.c_str(), "%c %63s %63s", &kind, a, b);
+      if (kind == 'd') {
+        mkdir(root.Join(a).c_str(), 0700);
+        chmod(root.Join(a).c_str(), static_cast<mode_t>(std::stoul(b, nullptr, 8)));
+      }
+      if (kind == 'l') symlink(root.Join(a).c_str(), root.Join(b).c_str());
+      if (kind == 'f') close(creat(root.Join(a).c_str(), 0600));
+      if (kind == 's') listening.push_back(Listen(root.Join(a)));
+    }
+    const ProcessResult result = RunHostinit(
+        {"--socket-dir", c.dir != nullptr ? root.Join(c.dir) : "run/s", "--mode", c.mode},
+        "touch " + root.Join("started"));
+    for (int fd : listening) close(fd);
     EXPECT_EQ(result.exit_code, c.exit_code);
     EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
     EXPECT_NE(access(root.Join("started").c_str(), F_OK), 0) << "the service ran";
@@ -137,19 +134,6 @@ TEST(Hostinit, RefusesWhatSomebodyElseCouldControl) {
       EXPECT_TRUE(S_ISREG(target.st_mode)) << "the symlink was followed";
     }
   }
-}
-
-TEST(Hostinit, RefusesASocketARunningServiceAnswersOn) {
-  TempDir root;
-  mkdir(root.Join("s").c_str(), 0700);
-  const int listening = Listen(root.Join("s/tesk"));
-  ASSERT_GE(listening, 0);
-  const ProcessResult result =
-      RunHostinit({"--socket-dir", root.Join("s")}, "touch " + root.Join("started"));
-  close(listening);
-  EXPECT_EQ(result.exit_code, kExitFailure);
-  EXPECT_NE(result.err.find("a running service answers on it"), std::string::npos) << result.err;
-  EXPECT_NE(access(root.Join("started").c_str(), F_OK), 0);
 }
 
 // The folder another user made first (the way to take over the socket).

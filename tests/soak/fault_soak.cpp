@@ -1,18 +1,16 @@
-#include "tests/soak/fault_soak.h"
-
+// The fault soak: many clients behaving well and badly at once while the
+// simulated location service injects faults; afterwards the daemon must be
+// alive, answering, holding nothing for anybody, and back to its baseline.
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <map>
 #include <random>
 #include <sstream>
-#include <thread>
 
-#include "tests/soak/soak_support.h"
+#include "tests/soak/soak.h"
 #include "tests/support/temp_dir.h"
 
 namespace tesk_soak {
@@ -27,16 +25,14 @@ std::string FaultScenario() {
   std::ifstream neighbourhood(TESK_SOAK_NEIGHBOURHOOD);
   std::stringstream text;
   text << neighbourhood.rdbuf() << "\n";
-  const std::pair<const char*, unsigned> faults[] = {
-      {"drop", 7},
-      {"null", 13},
-      {"wrong-type", 19},
-      {"odd-type", 23},
-      {"odd-measurement", 29},
-      {"duplicate", 31},
-      {"refuse", 43},
-      {"status", 37},
-  };
+  const std::pair<const char*, unsigned> faults[] = {{"drop", 7},
+                                                     {"null", 13},
+                                                     {"wrong-type", 19},
+                                                     {"odd-type", 23},
+                                                     {"odd-measurement", 29},
+                                                     {"duplicate", 31},
+                                                     {"refuse", 43},
+                                                     {"status", 37}};
   for (const auto& [fault, residue] : faults) {
     text << "fault " << fault << " ";
     for (unsigned id = residue; id < 200000; id += 50) text << (id == residue ? "" : ",") << id;
@@ -45,30 +41,19 @@ std::string FaultScenario() {
   return text.str();
 }
 
-struct RoleTotals {
-  int clients = 0;
-  std::map<std::string, long> fields;
-};
-
-// Sums the report lines per role.
-std::map<std::string, RoleTotals> ReadReports(const std::string& path) {
-  std::map<std::string, RoleTotals> totals;
+// The report lines summed per role, after the number of clients.
+std::map<std::string, std::vector<long>> ReadReports(const std::string& path) {
+  std::map<std::string, std::vector<long>> totals;
   std::ifstream in(path);
-  std::string line;
-  while (std::getline(in, line)) {
+  for (std::string line; std::getline(in, line);) {
     std::istringstream words(line);
-    std::string word, role;
-    std::map<std::string, long> fields;
-    while (words >> word) {
-      const size_t eq = word.find('=');
-      if (word.compare(0, eq, "role") == 0) {
-        role = word.substr(eq + 1);
-      } else {
-        fields[word.substr(0, eq)] = std::stol(word.substr(eq + 1));
-      }
-    }
-    ++totals[role].clients;
-    for (const auto& [name, value] : fields) totals[role].fields[name] += value;
+    std::string role;
+    words >> role;
+    std::vector<long>& sums = totals[role];
+    sums.resize(9);
+    ++sums[0];
+    long value = 0;
+    for (size_t i = 1; i < sums.size() && words >> value; ++i) sums[i] += value;
   }
   return totals;
 }
@@ -98,19 +83,17 @@ MixCounts RunMix(const std::vector<std::string>& roles, int clients, double seco
       running[pid] =
           random() % 8 == 0 ? now + milliseconds(random() % 1500) : Clock::time_point::max();
     }
-    for (auto& [pid, kill_at] : running) {
-      if (now >= kill_at) {
-        kill(pid, SIGKILL);
-        ++counts.killed;
-        kill_at = Clock::time_point::max();
-      }
-    }
     bool reaped = false;
     for (auto it = running.begin(); it != running.end();) {
+      if (now >= it->second) {
+        kill(it->first, SIGKILL);
+        ++counts.killed;
+        it->second = Clock::time_point::max();
+      }
       int status = 0;
       // Only our clients: the daemon is a child of this process too.
       if (waitpid(it->first, &status, WNOHANG) == it->first) {
-        if (WIFEXITED(status) && WEXITSTATUS(status) != 0) ++counts.failed;
+        counts.failed += WIFEXITED(status) && WEXITSTATUS(status) != 0;
         it = running.erase(it);
         reaped = true;
       } else {
@@ -124,21 +107,15 @@ MixCounts RunMix(const std::vector<std::string>& roles, int clients, double seco
 
 }  // namespace
 
-int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& only) {
-  const std::vector<std::string>& roles = only.empty() ? RoleNames() : only;
+int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& roles) {
   tesk_test::TempDir dir;
-  const std::string scenario = dir.Join("faults.scn");
+  const std::string scenario = dir.Join("faults.scn"), report = dir.Join("reports");
   std::ofstream(scenario) << FaultScenario();
-  const std::string report = dir.Join("reports");
-
   tesk_test::DaemonProcess::Options daemon_options;
   daemon_options.environment = {"VELA_SCENARIO=" + scenario};
   daemon_options.log_levels = "tesk=2";
   tesk_test::DaemonProcess daemon(daemon_options);
-  if (!daemon.WaitUntilServing()) {
-    fprintf(stderr, "soak: the daemon does not serve\n%s", daemon.Log().c_str());
-    return 1;
-  }
+  if (!StartDaemon(daemon)) return 1;
   const DaemonFigures cold = ReadFigures(daemon);
   // The same mix for a while first: thread pools, allocator arenas and the
   // location client grow to their working size, so that what the soak then
@@ -152,20 +129,21 @@ int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& on
 
   options.report_path = report;
   const MixCounts mix = RunMix(roles, clients, seconds, options, random);
-  const int started = mix.started, killed_by_soak = mix.killed, failed = mix.failed;
 
-  // Give the daemon time to notice the last deaths and let go of everything.
-  HandleCounts handles;
-  DaemonFigures end;
-  const auto settle_deadline = Clock::now() + std::chrono::seconds(30);
-  do {
-    std::this_thread::sleep_for(milliseconds(200));
-    handles = CountHandles(daemon);
-    end = ReadFigures(daemon);
-  } while (Clock::now() < settle_deadline &&
-           (handles.started != handles.released || end.descriptors > baseline.descriptors ||
-            end.resident_kib > baseline.resident_kib + 16 * 1024));
-
+  // Every scan that started logs "returning 0"; every handle, when its last
+  // reference goes, logs one of the two release lines. A pending entry never
+  // outlives its handle, so equal counts mean nothing is pending.
+  size_t given = 0, taken_back = 0;
+  auto settled = [&](const DaemonFigures& f) {
+    given = daemon.CountInLog("returning 0\n");
+    taken_back = daemon.CountInLog("Dispatcher: Expected release for ID") +
+                 daemon.CountInLog("Dispatcher: Aborted ID");
+    return given == taken_back && f.descriptors <= baseline.descriptors &&
+           f.resident_kib <= baseline.resident_kib + 16 * 1024;
+  };
+  // Time for the daemon to notice the last deaths and let go of everything.
+  const DaemonFigures end = Settle(daemon, settled);
+  const bool back = settled(end);
   KeepLog(daemon);
   // No two ids in a row carry a fault: a second attempt is never dropped.
   const long answer_ms = TimedTeskctlScan(daemon.socket_path(), 2);
@@ -173,21 +151,21 @@ int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& on
 
   long retained = 0, released = 0;
   printf("fault soak: %.0f s, %d clients at once, %d clients started, %d killed by the soak\n",
-         seconds, clients, started, killed_by_soak);
-  printf("  %-14s %7s %8s %8s %8s %10s %10s %6s %9s %9s\n", "role", "clients", "started", "refused",
-         "results", "unanswered", "reconnects", "ended", "retained", "released");
-  for (const auto& [role, totals] : ReadReports(report)) {
-    auto f = totals.fields;
-    printf("  %-14s %7d %8ld %8ld %8ld %10ld %10ld %6ld %9ld %9ld\n", role.c_str(), totals.clients,
-           f["started"], f["refused"], f["results"], f["unanswered"], f["reconnects"], f["ended"],
-           f["retained"], f["released"]);
-    retained += f["retained"];
-    released += f["released"];
+         seconds, clients, mix.started, mix.killed);
+  const char* columns[] = {"clients",    "started", "refused",  "results", "unanswered",
+                           "reconnects", "ended",   "retained", "released"};
+  printf("  %-14s", "role");
+  for (const char* column : columns) printf(" %10s", column);
+  for (const auto& [role, sums] : ReadReports(report)) {
+    printf("\n  %-14s", role.c_str());
+    for (const long sum : sums) printf(" %10ld", sum);
+    retained += sums[7];
+    released += sums[8];
   }
-  printf("  clients reporting a fault: %d\n", failed);
+  printf("\n  clients reporting a fault: %d\n", mix.failed);
   printf("  client callbacks: retained %ld, released %ld\n", retained, released);
-  printf("  scan handles: given %zu, taken back %zu (pending: %ld)\n", handles.started,
-         handles.released, static_cast<long>(handles.started - handles.released));
+  printf("  scan handles: given %zu, taken back %zu (pending: %ld)\n", given, taken_back,
+         static_cast<long>(given - taken_back));
   printf("  connections the library ended: %zu\n", daemon.CountInLog("tarnsocket: Connection"));
   printf("  daemon descriptors: baseline %d, end %d\n", baseline.descriptors, end.descriptors);
   printf(
@@ -198,10 +176,7 @@ int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& on
          end.threads);
   printf("  daemon alive: %s, teskctl scan afterwards: %s (%ld ms)\n", alive ? "yes" : "no",
          answer_ms >= 0 ? "ok" : "failed", answer_ms);
-
-  const bool ok = alive && answer_ms >= 0 && failed == 0 && retained == released &&
-                  handles.started == handles.released && end.descriptors <= baseline.descriptors &&
-                  end.resident_kib <= baseline.resident_kib + 16 * 1024;
+  const bool ok = alive && answer_ms >= 0 && mix.failed == 0 && retained == released && back;
   printf("fault soak: %s\n", ok ? "PASSED" : "FAILED");
   return ok ? 0 : 1;
 }
