@@ -33,7 +33,9 @@ struct FrameHeader {
   uint32_t counts;      // invoke: counts word; reply: number of output objects; release: zero
 };
 static_assert(sizeof(FrameHeader) == 24, "FrameHeader is a wire record");
-static_assert(offsetof(FrameHeader, depth) == 5 && offsetof(FrameHeader, call_id) == 8 &&
+static_assert(offsetof(FrameHeader, type) == 4 && offsetof(FrameHeader, depth) == 5 &&
+                  offsetof(FrameHeader, reserved) == 6 && offsetof(FrameHeader, call_id) == 8 &&
+                  offsetof(FrameHeader, handle) == 12 && offsetof(FrameHeader, code) == 16 &&
                   offsetof(FrameHeader, counts) == 20,
               "FrameHeader is a wire record");
 
@@ -47,7 +49,7 @@ struct ObjectRef {
   uint32_t kind;
   uint32_t handle;
 };
-static_assert(sizeof(ObjectRef) == 8, "ObjectRef is a wire record");
+static_assert(sizeof(ObjectRef) == 8 && offsetof(ObjectRef, handle) == 4, "ObjectRef is a wire record");
 
 constexpr unsigned kMaxSlots = 15;  // per kind, from the 4-bit fields of the counts word
 constexpr uint64_t kMaxBodySize = 64ull << 20;

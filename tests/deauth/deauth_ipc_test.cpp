@@ -16,12 +16,14 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "deauth/deauth_monitor.h"
 #include "deauth/deauth_monitor_object.h"
 #include "service/root_object.h"
 #include "tarnsocket/tarn_ipc.h"
 #include "tests/deauth/test_support.h"
+#include "tests/support/emulator.h"
 #include "tests/support/temp_dir.h"
 
 extern char** environ;
@@ -86,10 +88,10 @@ TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  const char* argv[] = {TESKCTL, "--socket", path.c_str(), "watch", nullptr};
+  std::vector<std::string> command = tesk_test::NativeCommand({TESKCTL, "--socket", path, "watch"});
+  std::vector<char*> argv = tesk_test::ArgumentPointers(command);
   pid_t pid = -1;
-  ASSERT_EQ(posix_spawn(&pid, TESKCTL, &actions, nullptr, const_cast<char* const*>(argv), environ),
-            0);
+  ASSERT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
   posix_spawn_file_actions_destroy(&actions);
   close(out[1]);
   FILE* watch = fdopen(out[0], "r");

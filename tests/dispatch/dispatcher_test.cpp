@@ -15,6 +15,7 @@
 #include "ky_loc_fw/log.h"
 #include "ky_loc_fw/log_capture.h"
 #include "ky_loc_fw/vela_test_control.h"
+#include "tests/support/emulator.h"
 
 namespace {
 
@@ -112,9 +113,11 @@ class DispatcherTest : public ::testing::Test {
   }
 };
 
-// In a fresh process each, where the dispatcher does not exist yet.
+// In a fresh process each, where the dispatcher does not exist yet. Under an
+// emulator the test binary cannot start itself again; a fork is as fresh, as
+// death tests run before all others.
 TEST(DispatcherDeathTest, CreationIsLoggedAndExitsWhenTheClientCannotBeCreated) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  ::testing::FLAGS_gtest_death_test_style = tesk_test::kUnderEmulator ? "fast" : "threadsafe";
   EXPECT_EXIT((vela_test::SetScenarioText("fault create\n"), VelaDispatcher::Get()),
               ::testing::ExitedWithCode(255),
               "E tesk: Dispatcher: Could not create the VELAClient");

@@ -26,6 +26,7 @@
 #include "teskclient/request_encoding.h"
 #include "teskclient/session.h"
 #include "tests/support/daemon_process.h"
+#include "tests/support/emulator.h"
 #include "tests/support/temp_dir.h"
 
 extern char** environ;
@@ -117,9 +118,8 @@ class Client {
 struct Teskctl {
   explicit Teskctl(std::vector<std::string> args) {
     args.insert(args.begin(), tesk_test::BuiltBinary("teskctl"));
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
+    args = tesk_test::NativeCommand(std::move(args));
+    std::vector<char*> argv = tesk_test::ArgumentPointers(args);
     if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
   }
   ~Teskctl() { Finish(SIGKILL); }

@@ -55,7 +55,7 @@ inline int32_t Checksum(const ObjectArg* args, unsigned bufs) {
     all += std::to_string(arg->b.size) + ":" +
            std::string(static_cast<char*>(arg->b.ptr), arg->b.size);
   }
-  return static_cast<int32_t>(std::hash<std::string>{}(all) >> 33);
+  return static_cast<int32_t>(std::hash<std::string>{}(all) & 0x7fffffff);
 }
 
 inline ObjectArg Buf(const void* data, uint64_t size) {

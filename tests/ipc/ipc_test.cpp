@@ -16,6 +16,7 @@
 #include "frame.h"
 #include "gtest/gtest.h"
 #include "harness.h"
+#include "tests/support/emulator.h"
 
 namespace tarnsocket::ipc_test {
 namespace {
@@ -176,11 +177,11 @@ TEST(IpcPeerFailureTest, KilledClientReleasesWhatItHeldAndItsObjectsFailAtOnce) 
   setenv("TARN_CALLBACK_TIMEOUT_MS", "600000", 1);
   Served served;
   setenv("IPC_PEER_SOCKET", served.path.c_str(), 1);
-  char self[] = "/proc/self/exe", filter[] = "--gtest_filter=IpcPeer.*",
-       brief[] = "--gtest_brief=1";
-  char* argv[] = {self, filter, brief, nullptr};
+  std::vector<std::string> command =
+      tesk_test::NativeCommand({"/proc/self/exe", "--gtest_filter=IpcPeer.*", "--gtest_brief=1"});
+  std::vector<char*> argv = tesk_test::ArgumentPointers(command);
   pid_t peer = -1;
-  ASSERT_EQ(posix_spawn(&peer, self, nullptr, nullptr, argv, environ), 0);
+  ASSERT_EQ(posix_spawn(&peer, argv[0], nullptr, nullptr, argv.data(), environ), 0);
   unsetenv("IPC_PEER_SOCKET");
   while (!served.blocked) Pause();
   EXPECT_EQ(served.counted.Held(), 1);  // the library's, for the peer

@@ -8,9 +8,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/daemon_process.h"
+#include "tests/support/emulator.h"
 
 namespace tesk_test {
 namespace {
@@ -36,11 +39,11 @@ void KillClientMidCall(const std::string& socket_path) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
   posix_spawn_file_actions_addclose(&actions, out[0]);
-  const std::string program = BuiltBinary("root_client");
-  char* argv[] = {const_cast<char*>(program.c_str()), const_cast<char*>(socket_path.c_str()),
-                  const_cast<char*>("--hammer"), nullptr};
+  std::vector<std::string> command =
+      NativeCommand({BuiltBinary("root_client"), socket_path, "--hammer"});
+  std::vector<char*> argv = ArgumentPointers(command);
   pid_t pid;
-  ASSERT_EQ(posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environ), 0);
+  ASSERT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
   posix_spawn_file_actions_destroy(&actions);
   close(out[1]);
   char ready[8];

@@ -14,6 +14,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "tests/support/emulator.h"
+
 extern char** environ;
 
 namespace tesk_test {
@@ -45,11 +47,14 @@ std::vector<std::string> ChildEnvironment(const std::vector<std::string>& extra)
   return result;
 }
 
-std::vector<char*> Pointers(std::vector<std::string>& strings) {
-  std::vector<char*> result;
-  for (std::string& s : strings) result.push_back(s.data());
-  result.push_back(nullptr);
-  return result;
+// Removes the line holding `text` once it is complete.
+void DropLine(std::string* log, const char* text) {
+  const size_t at = log->find(text);
+  const size_t end = at == std::string::npos ? at : log->find('\n', at);
+  if (end == std::string::npos) return;
+  const size_t start = log->rfind('\n', at);
+  const size_t begin = start == std::string::npos ? 0 : start + 1;
+  log->erase(begin, end + 1 - begin);
 }
 
 int ExitCode(int status) {
@@ -92,9 +97,9 @@ DaemonProcess::DaemonProcess(Options options) {
   int log_pipe[2];
   if (pipe2(log_pipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
   std::vector<std::string> env = ChildEnvironment(extra);
-  std::vector<std::string> args{options.program};
-  std::vector<char*> envp = Pointers(env);
-  std::vector<char*> argv = Pointers(args);
+  std::vector<std::string> args = NativeCommand({options.program});
+  std::vector<char*> envp = ArgumentPointers(env);
+  std::vector<char*> argv = ArgumentPointers(args);
 
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
@@ -127,6 +132,7 @@ void DaemonProcess::ReadLog(int fd) {
     if (n <= 0) break;
     std::lock_guard<std::mutex> lock(mutex_);
     log_.append(buffer, static_cast<size_t>(n));
+    if (kUnderEmulator) DropLine(&log_, kEmulatorOnlyLogLine);
     changed_.notify_all();
   }
   close(fd);
@@ -211,9 +217,9 @@ ProcessResult RunProcess(const std::vector<std::string>& argv_in,
     throw std::runtime_error("pipe2 failed");
   }
   std::vector<std::string> env = ChildEnvironment(environment);
-  std::vector<std::string> args = argv_in;
-  std::vector<char*> envp = Pointers(env);
-  std::vector<char*> argv = Pointers(args);
+  std::vector<std::string> args = NativeCommand(argv_in);
+  std::vector<char*> envp = ArgumentPointers(env);
+  std::vector<char*> argv = ArgumentPointers(args);
 
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
