@@ -6,6 +6,15 @@ set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev llvm
           libgtest-dev libgmock-dev googletest libbenchmark-dev clang-format clang-tidy
           linux-libc-dev strace blueprint-tools)
+# The ARM stages: Debian's cross toolchains, GoogleTest built for each target
+# and the target's run-time libraries (multiarch packages, beside the
+# host's), and qemu-user to run the tests.
+cross_arches=(arm64 armhf)
+packages+=(qemu-user)
+for arch in "${cross_arches[@]}"; do
+  packages+=("crossbuild-essential-$arch" "libgtest-dev:$arch" "libgmock-dev:$arch"
+             "libc6:$arch" "libstdc++6:$arch")
+done
 
 missing=()
 for p in "${packages[@]}"; do
@@ -17,5 +26,14 @@ echo "installing: ${missing[*]}"
 sudo=""
 [ "$(id -u)" -ne 0 ] && sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -q
+foreign=$(dpkg --print-foreign-architectures)
+for arch in "${cross_arches[@]}"; do
+  grep -qx "$arch" <<<"$foreign" || $sudo dpkg --add-architecture "$arch"
+done
+# A mirror in the middle of a sync fails an update now and then.
+for attempt in 1 2 3; do
+  $sudo apt-get update -q && break
+  [ $attempt -eq 3 ] && exit 1
+  sleep 20
+done
 $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"

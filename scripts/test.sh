@@ -5,14 +5,16 @@
 # brief run of every benchmark so that none rots (their numbers never fail).
 # The soak stage runs the daemon under many good and bad clients at once for
 # a short while (scripts/soak.sh runs it longer). The lint stage fails on any
-# clang-format difference or clang-tidy finding (scripts/lint.sh).
-# Usage: scripts/test.sh [dev|lint|bench|soak|asan|fuzz|tsan]...   (default: all of them)
+# clang-format difference or clang-tidy finding (scripts/lint.sh). The arm64
+# and armhf stages cross-build for 64-bit and 32-bit ARM and run the tests
+# under qemu-user.
+# Usage: scripts/test.sh [dev|lint|bench|soak|asan|fuzz|tsan|arm64|armhf]...   (default: all of them)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 stages=("$@")
-[ ${#stages[@]} -eq 0 ] && stages=(dev lint bench soak asan fuzz tsan)
+[ ${#stages[@]} -eq 0 ] && stages=(dev lint bench soak asan fuzz tsan arm64 armhf)
 fuzz_seconds=${TESK_FUZZ_SECONDS:-12}  # per target; scripts/fuzz.sh runs them longer
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
@@ -40,6 +42,7 @@ build() {
 
 for stage in "${stages[@]}"; do
   echo "==== $stage"
+  SECONDS=0
   case "$stage" in
     dev|asan|tsan)
       if [ "$stage" = dev ]; then check_blueprints; fi
@@ -48,6 +51,11 @@ for stage in "${stages[@]}"; do
       ;;
     lint)
       scripts/lint.sh
+      ;;
+    arm64|armhf)
+      build "$stage"
+      echo "==== $stage: built in ${SECONDS}s"
+      ctest --preset "$stage"
       ;;
     soak)
       # The 100,000-target ranging client is left out here: the daemon keeps
@@ -65,5 +73,6 @@ for stage in "${stages[@]}"; do
       ;;
     *) echo "unknown stage $stage" >&2; exit 64 ;;
   esac
+  echo "==== $stage: ${SECONDS}s"
 done
 echo "==== all stages passed: ${stages[*]}"

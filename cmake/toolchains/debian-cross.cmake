@@ -15,7 +15,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-# ctest runs the target's binaries through qemu-user, which finds the
-# target's dynamic loader and C library under -L.
+# ctest runs the target's binaries through qemu-user. Their dynamic loader
+# and run-time libraries come from the target's multiarch packages (libc6,
+# libstdc++6), at the paths a device has. qemu's -L would serve them from
+# /usr/<triplet> instead, but it also redirects every absolute path that
+# exists there, "/" included, so the tests' files would land in that folder.
 find_program(TESK_QEMU ${TESK_TARGET_EMULATOR} REQUIRED)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${TESK_QEMU} -L /usr/${TESK_TARGET_TRIPLET})
+set(CMAKE_CROSSCOMPILING_EMULATOR ${TESK_QEMU})

@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "teskclient/session.h"
+#include "tests/support/emulator.h"
 #include "tests/support/temp_dir.h"
 
 extern char** environ;
@@ -260,12 +261,12 @@ TEST(DeviceFiles, DaemonServesOnTheSocketTheRcDeclares) {
   const Rc rc = ReadRc(BlueprintList(Read("Android.bp"), "init_rc").at(0));
   ASSERT_EQ(rc.socket.size(), 6u);
   tesk_test::TempDir dir;
-  std::vector<std::string> args = {TESK_HOSTINIT_PATH, "--socket-dir", dir.path(),      "--name",
-                                   rc.socket[1],       "--type",       rc.socket[2],    "--mode",
-                                   rc.socket[3],       "--",           TESK_DAEMON_PATH};
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  std::vector<std::string> args = tesk_test::NativeCommand(
+      {TESK_HOSTINIT_PATH, "--socket-dir", dir.path(), "--name", rc.socket[1], "--type",
+       rc.socket[2], "--mode", rc.socket[3], "--"});
+  const std::vector<std::string> daemon = tesk_test::NativeCommand({TESK_DAEMON_PATH});
+  args.insert(args.end(), daemon.begin(), daemon.end());
+  std::vector<char*> argv = tesk_test::ArgumentPointers(args);
   pid_t launcher = -1;
   ASSERT_EQ(posix_spawn(&launcher, argv[0], nullptr, nullptr, argv.data(), environ), 0);
 

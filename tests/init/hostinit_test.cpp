@@ -209,8 +209,8 @@ TEST(Hostinit, PassesStopRequestsOn) {
         "\"$0\" --socket-dir \"$1\" --grace 1 -- /bin/sh -c \"$2\" & pid=$!\n"
         "while [ ! -e \"$1/../ready\" ]; do sleep 0.05; done\n"
         "kill -TERM $pid; wait $pid; echo $?; test -e \"$1/tesk\" && echo left behind; true";
-    const ProcessResult result =
-        RunProcess({"/bin/sh", "-c", script, BuiltBinary("hostinit"), root.Join("s"), service});
+    const ProcessResult result = RunProcess(
+        {"/bin/sh", "-c", script, NativeProgram(BuiltBinary("hostinit")), root.Join("s"), service});
     EXPECT_EQ(result.out, std::string(c.status) + "\n") << result.err;
     EXPECT_NE(result.err.find("hostinit: stopping pid"), std::string::npos) << result.err;
   }
@@ -227,10 +227,10 @@ TEST(Hostinit, TeskctlFindsTheSocketInTheDefaultFolder) {
       "for i in $(seq 200); do grep -q 'Serving TESK' \"$3/log\" && break; sleep 0.05; done\n"
       "\"$2\" --timeout 10 scan >/dev/null; status=$?\n"
       "test -S \"$3/tesk/tesk\" && echo socket; kill -TERM $pid; wait $pid; echo $status";
-  const ProcessResult result =
-      RunProcess({"/bin/sh", "-c", script, BuiltBinary("hostinit"), BuiltBinary("tesk"),
-                  BuiltBinary("teskctl"), runtime.path()},
-                 environment);
+  const ProcessResult result = RunProcess(
+      {"/bin/sh", "-c", script, NativeProgram(BuiltBinary("hostinit")),
+       NativeProgram(BuiltBinary("tesk")), NativeProgram(BuiltBinary("teskctl")), runtime.path()},
+      environment);
   EXPECT_EQ(result.out, "socket\n0\n") << result.err;
   EXPECT_EQ(ModeOf(runtime.Join("tesk")), 0750u);
 }

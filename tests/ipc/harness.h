@@ -55,7 +55,8 @@ inline int32_t Checksum(const ObjectArg* args, unsigned bufs) {
     all += std::to_string(arg->b.size) + ":" +
            std::string(static_cast<char*>(arg->b.ptr), arg->b.size);
   }
-  return static_cast<int32_t>(std::hash<std::string>{}(all) & 0x7fffffff);
+  const size_t hash = std::hash<std::string>{}(all);
+  return static_cast<int32_t>(hash % 0x80000000u);
 }
 
 inline ObjectArg Buf(const void* data, uint64_t size) {

@@ -4,6 +4,7 @@
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -72,6 +73,20 @@ std::string BuiltBinary(const std::string& name) {
 std::string BuiltLibrary(const std::string& file_name) {
   const std::string bin = ExecutableDir();
   return bin.substr(0, bin.rfind('/')) + "/lib/" + file_name;
+}
+
+std::string NativeProgram(const std::string& binary) {
+  const std::vector<std::string> command = NativeCommand({binary});
+  if (command.size() == 1) return binary;
+  static TempDir scripts;  // one per test process, removed at its exit
+  const std::string script = scripts.Join(binary.substr(binary.rfind('/') + 1));
+  std::ofstream out(script);
+  out << "#!/bin/sh\nexec";
+  for (const std::string& word : command) out << " '" << word << "'";
+  out << " \"$@\"\n";
+  out.close();
+  if (!out || chmod(script.c_str(), 0755) != 0) throw std::runtime_error("cannot write " + script);
+  return script;
 }
 
 DaemonProcess::DaemonProcess(Options options) {

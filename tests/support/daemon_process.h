@@ -75,6 +75,10 @@ class DaemonProcess {
 std::string BuiltBinary(const std::string& name);
 std::string BuiltLibrary(const std::string& file_name);
 
+// A path that other programs (a shell, hostinit) can start `binary` by: the
+// binary itself, or under an emulator a script that runs it there.
+std::string NativeProgram(const std::string& binary);
+
 // Runs a program to its end with extra environment; collects its output.
 struct ProcessResult {
   int exit_code = -1;  // 128 + signal when killed

@@ -4,9 +4,11 @@
 #ifndef TESK_TESTS_SUPPORT_EMULATOR_H_
 #define TESK_TESTS_SUPPORT_EMULATOR_H_
 
+#include <fcntl.h>
 #include <limits.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -23,8 +25,26 @@ constexpr bool kUnderEmulator = false;
 // this line once at start; nothing else in its log comes from the emulator.
 constexpr char kEmulatorOnlyLogLine[] = "E tesk: Failed to open netlink socket: 93 (";
 
+// The machine an ELF file is built for (e_machine: two bytes at offset 18 in
+// both ELF classes), or -1 when it is no ELF file.
+inline int ElfMachine(const char* file) {
+  unsigned char header[20];
+  const int fd = open(file, O_RDONLY | O_CLOEXEC);
+  const bool elf = fd >= 0 && read(fd, header, sizeof header) == sizeof header &&
+                   memcmp(header, "\177ELF", 4) == 0;
+  if (fd >= 0) close(fd);
+  return elf ? header[18] | header[19] << 8 : -1;
+}
+
+// True when `path` is built for the same machine as this process (which the
+// emulator shows as its own /proc/self/exe).
+inline bool BuiltForThisMachine(const std::string& path) {
+  const int mine = ElfMachine("/proc/self/exe");
+  return mine >= 0 && ElfMachine(path.c_str()) == mine;
+}
+
 // `argv` as a command that runs on this machine: the emulator's command line
-// (words separated by spaces) in front, when the tests have one.
+// (words separated by spaces) in front of a program built for the target.
 inline std::vector<std::string> NativeCommand(std::vector<std::string> argv) {
 #ifdef TESK_TEST_EMULATOR
   if (!argv.empty() && argv[0] == "/proc/self/exe") {
@@ -34,6 +54,7 @@ inline std::vector<std::string> NativeCommand(std::vector<std::string> argv) {
     const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
     if (n > 0) argv[0].assign(path, static_cast<size_t>(n));
   }
+  if (argv.empty() || !BuiltForThisMachine(argv[0])) return argv;
   std::istringstream words(TESK_TEST_EMULATOR);
   std::vector<std::string> command;
   for (std::string word; words >> word;) command.push_back(word);
