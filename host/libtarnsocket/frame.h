@@ -49,7 +49,8 @@ struct ObjectRef {
   uint32_t kind;
   uint32_t handle;
 };
-static_assert(sizeof(ObjectRef) == 8 && offsetof(ObjectRef, handle) == 4, "ObjectRef is a wire record");
+static_assert(sizeof(ObjectRef) == 8 && offsetof(ObjectRef, handle) == 4,
+              "ObjectRef is a wire record");
 
 constexpr unsigned kMaxSlots = 15;  // per kind, from the 4-bit fields of the counts word
 constexpr uint64_t kMaxBodySize = 64ull << 20;
