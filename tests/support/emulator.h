@@ -5,7 +5,6 @@
 #define TESK_TESTS_SUPPORT_EMULATOR_H_
 
 #include <fcntl.h>
-#include <limits.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -50,7 +49,7 @@ inline std::vector<std::string> NativeCommand(std::vector<std::string> argv) {
   if (!argv.empty() && argv[0] == "/proc/self/exe") {
     // For the kernel that link is the emulator; the emulator answers with the
     // binary it runs.
-    char path[PATH_MAX];
+    char path[4096];
     const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
     if (n > 0) argv[0].assign(path, static_cast<size_t>(n));
   }
