@@ -38,7 +38,6 @@ struct SeenResponse {
   bool isNull = true;
   int type = 0, status = 0;
   unsigned int id = 0, source = 0;
-  std::thread::id thread;
   std::vector<int> types;  // of the measurements, in order
   std::set<uint64_t> bssids;
   std::vector<Seen> measurements;
@@ -60,7 +59,6 @@ void Summarise(const VELAScanMeasurement& m, SeenResponse* out) {
 struct Recorder : VELAClientListener {
   void responseReceived(VELAResponse* response) override {
     SeenResponse s;
-    s.thread = std::this_thread::get_id();
     const ky_loc_fw::vector<VELAScanMeasurement*>* list = nullptr;
     if (response != nullptr) {
       s.isNull = false;
@@ -274,31 +272,6 @@ TEST(VelaClient, ScenarioFaultsShapeTheAnswer) {
       EXPECT_EQ(r.types, c.types);
     }
   }
-}
-
-// The delivery thread takes a response the test chose before sendRequest
-// returns (the listener may still be on its way in); later ones come when the
-// test says.
-TEST(VelaClient, TestControlDeliversChosenResponsesOnTheDeliveryThread) {
-  Session session(&kStreet);
-  vela_test::SetSendHook([](const vela_test::SentRequest& r, vela_test::SendAction* action) {
-    action->automaticAnswer = false;
-    action->beforeReturn.push_back(vela_test::MakeDiscoveryResponse(r.requestId, 2, 5));
-  });
-  EXPECT_EQ(session.Send(Fresh(31, Request::BAND_ALL)), 0);
-  EXPECT_EQ(vela_test::Deliver(nullptr), 0);
-  EXPECT_EQ(vela_test::DeliverAndWait(vela_test::MakeRangingResponse(8, 3, 1)), 0);
-  vela_test::WaitIdle();
-  const std::vector<SeenResponse> seen = session.WaitFor(0);
-  ASSERT_EQ(seen.size(), 3u);
-  EXPECT_EQ(seen[0].id, 31u);
-  EXPECT_EQ(seen[0].measurements.size(), 2u);
-  EXPECT_NE(seen[0].thread, std::this_thread::get_id());
-  EXPECT_TRUE(seen[1].isNull);
-  EXPECT_EQ(seen[2].id, 8u);
-  EXPECT_EQ(seen[2].types, std::vector<int>(3, VELAScanMeasurement::MEASUREMENT_TYPE_RANGING));
-  session.client.reset();
-  EXPECT_EQ(vela_test::Deliver(vela_test::MakeDiscoveryResponse(1, 1, 1)), -1);
 }
 
 TEST(VelaClient, ConcurrentSendersEachGetTheirAnswerAndAreRecordedOnlyWhenAsked) {

@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "host/libvela_client/distinct_measurements.h"
+#include "host/libvela_client/scenario_tokens.h"
 #include "ky_loc_fw/vela_test_control.h"
 
 namespace ky_loc_fw {
@@ -56,13 +57,9 @@ VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24) {
 }
 
 bool ParseMac(const std::string& text, VELAMacAddress* mac) {
-  unsigned int o[6];
-  char tail;
-  if (text.size() != 17 || std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &o[0], &o[1],
-                                       &o[2], &o[3], &o[4], &o[5], &tail) != 6) {
-    return false;
-  }
-  *mac = MakeMac(o[0] << 16 | o[1] << 8 | o[2], o[3] << 16 | o[4] << 8 | o[5]);
+  vela_sim::Mac48 value = 0;
+  if (!vela_sim::ParseMac(text, &value)) return false;
+  *mac = MakeMac(static_cast<uint32_t>(value >> 24), static_cast<uint32_t>(value & 0xffffff));
   return true;
 }
 
@@ -84,24 +81,26 @@ void FillDistinct(VELAScanMeasurement* m, uint32_t seed) {
   vela_sim::FillDistinct(m, seed);
 }
 
-VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed) {
-  auto* response = new VELADiscoveryScanResponse(id);
+namespace {
+
+template <typename Measurement, typename Response>
+Response* Fill(Response* response, size_t count, uint32_t seed) {
   for (size_t i = 0; i < count; ++i) {
-    auto* m = new VELAFullBeaconScanMeasurement();
+    auto* m = new Measurement();
     FillDistinct(m, seed + static_cast<uint32_t>(i));
     if (response->measurements.push_back(m) != 0) delete m;
   }
   return response;
 }
 
+}  // namespace
+
+VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed) {
+  return Fill<VELAFullBeaconScanMeasurement>(new VELADiscoveryScanResponse(id), count, seed);
+}
+
 VELARangingScanResponse* MakeRangingResponse(unsigned int id, size_t count, uint32_t seed) {
-  auto* response = new VELARangingScanResponse(id);
-  for (size_t i = 0; i < count; ++i) {
-    auto* m = new VELARangingScanMeasurement();
-    FillDistinct(m, seed + static_cast<uint32_t>(i));
-    if (response->measurements.push_back(m) != 0) delete m;
-  }
-  return response;
+  return Fill<VELARangingScanMeasurement>(new VELARangingScanResponse(id), count, seed);
 }
 
 }  // namespace vela_test

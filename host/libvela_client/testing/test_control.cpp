@@ -1,7 +1,6 @@
 // The process-wide state of vela_test_control.h: the observer that the
 // simulated clients report to once a test binary links this library.
 #include <algorithm>
-#include <condition_variable>
 #include <mutex>
 #include <optional>
 
@@ -56,10 +55,7 @@ class Control : public vela_sim::ControlObserver {
     SendHook run;
     {
       std::lock_guard<std::mutex> lock(mutex);
-      if (recording && sent.size() < kMaxRecordedRequests) {
-        sent.push_back(request);
-        recorded.notify_all();
-      }
+      if (recording && sent.size() < kMaxRecordedRequests) sent.push_back(request);
       run = hook;
     }
     if (run) run(request, action);
@@ -86,7 +82,6 @@ class Control : public vela_sim::ControlObserver {
   }
 
   std::mutex mutex;
-  std::condition_variable recorded;
   bool recording = false;
   std::vector<SentRequest> sent;
   SendHook hook;
@@ -99,93 +94,82 @@ class Control : public vela_sim::ControlObserver {
 // Installed before main, so that no client is created unobserved.
 [[maybe_unused]] const bool installed = (vela_sim::SetControlObserver(&Control::Get()), true);
 
+// Runs f on the control under its lock.
+template <typename F>
+auto Locked(F f) {
+  Control& c = Control::Get();
+  std::lock_guard<std::mutex> lock(c.mutex);
+  return f(c);
+}
+
+// Queues `response` on the current client's delivery thread; its sequence
+// number there, 0 when no client is alive.
+uint64_t Schedule(VELAResponse* response, std::shared_ptr<DeliveryQueue>* queue) {
+  std::unique_ptr<VELAResponse> owned(response);
+  *queue = Control::Get().CurrentQueue();
+  return *queue == nullptr ? 0 : (*queue)->Schedule(std::move(owned), DeliveryQueue::Clock::now());
+}
+
 }  // namespace
 
 void Reset() {
   std::vector<HeldAnswer> dropped;  // deleted outside the lock
   SendHook old_hook;
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  c.recording = false;
-  c.sent.clear();
-  c.sent.shrink_to_fit();
-  old_hook.swap(c.hook);
-  c.hold = false;
-  dropped.swap(c.held);
+  Locked([&](Control& c) {
+    c.recording = false;
+    c.sent.clear();
+    c.sent.shrink_to_fit();
+    old_hook.swap(c.hook);
+    c.hold = false;
+    dropped.swap(c.held);
+  });
 }
 
 void RecordRequests() {
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  c.recording = true;
+  Locked([](Control& c) { c.recording = true; });
 }
 
 void SetSendHook(SendHook hook) {
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  c.hook.swap(hook);
+  Locked([&hook](Control& c) { c.hook.swap(hook); });
 }
 
 std::vector<SentRequest> SentRequests() {
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  return c.sent;
-}
-
-SentRequest WaitForRequest(size_t index) {
-  Control& c = Control::Get();
-  std::unique_lock<std::mutex> lock(c.mutex);
-  c.recorded.wait(lock, [&] { return c.sent.size() > index; });
-  return c.sent[index];
+  return Locked([](Control& c) { return c.sent; });
 }
 
 void HoldAnswers(bool hold) {
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  c.hold = hold;
-}
-
-size_t HeldAnswerCount() {
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  return c.held.size();
+  Locked([hold](Control& c) { c.hold = hold; });
 }
 
 size_t ReleaseHeldAnswers() {
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  const size_t count = c.held.size();
-  for (HeldAnswer& h : c.held) {
-    for (const LiveClient& live : c.clients) {
-      if (live.client == h.client) {
-        live.queue->Schedule(std::move(h.response), DeliveryQueue::Clock::now());
+  return Locked([](Control& c) {
+    const size_t count = c.held.size();
+    for (HeldAnswer& h : c.held) {
+      for (const LiveClient& live : c.clients) {
+        if (live.client == h.client) {
+          live.queue->Schedule(std::move(h.response), DeliveryQueue::Clock::now());
+        }
       }
     }
-  }
-  c.held.clear();
-  return count;
+    c.held.clear();
+    return count;
+  });
 }
 
 size_t DropHeldAnswers() {
-  std::vector<HeldAnswer> dropped;
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  dropped.swap(c.held);
+  std::vector<HeldAnswer> dropped;  // deleted outside the lock
+  Locked([&dropped](Control& c) { dropped.swap(c.held); });
   return dropped.size();
 }
 
 int Deliver(VELAResponse* response) {
-  std::unique_ptr<VELAResponse> owned(response);
-  std::shared_ptr<DeliveryQueue> queue = Control::Get().CurrentQueue();
-  if (queue == nullptr) return -1;
-  return queue->Schedule(std::move(owned), DeliveryQueue::Clock::now()) != 0 ? 0 : -1;
+  std::shared_ptr<DeliveryQueue> queue;
+  return Schedule(response, &queue) != 0 ? 0 : -1;
 }
 
 int DeliverAndWait(VELAResponse* response) {
-  std::unique_ptr<VELAResponse> owned(response);
-  std::shared_ptr<DeliveryQueue> queue = Control::Get().CurrentQueue();
-  if (queue == nullptr) return -1;
-  const uint64_t seq = queue->Schedule(std::move(owned), DeliveryQueue::Clock::now());
+  std::shared_ptr<DeliveryQueue> queue;
+  const uint64_t seq = Schedule(response, &queue);
   if (seq == 0) return -1;
   queue->WaitFinished(seq);
   return 0;
@@ -196,20 +180,11 @@ void WaitIdle() {
   if (queue != nullptr) queue->WaitIdle();
 }
 
-int LiveClientCount() {
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  return static_cast<int>(c.clients.size());
-}
-
 void SetScenarioText(const char* text) {
-  Control& c = Control::Get();
-  std::lock_guard<std::mutex> lock(c.mutex);
-  if (text == nullptr) {
+  Locked([text](Control& c) {
     c.scenario_text.reset();
-  } else {
-    c.scenario_text = text;
-  }
+    if (text != nullptr) c.scenario_text = text;
+  });
 }
 
 std::string DefaultScenarioText() {

@@ -20,30 +20,24 @@ bool done = false;
 bool well_formed = false;
 size_t records = 0;
 
+int Fail(const char* what) {
+  fprintf(stderr, "discover: %s\n", what);
+  return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    fprintf(stderr, "usage: discover SOCKET\n");
-    return 2;
-  }
-  Object root = kNullObject;
-  if (teskclient::Connect(argv[1], &root) != 0) {
-    fprintf(stderr, "discover: cannot connect to %s\n", argv[1]);
-    return 1;
-  }
-  Object scan = kNullObject;
+  Object root = kNullObject, scan = kNullObject, handle = kNullObject;
+  if (argc != 2 || teskclient::Connect(argv[1], &root) != 0) return Fail("cannot connect");
   if (teskclient::OpenService(root, kInterfaceDiscoveryScan, &scan) != OBJECT_OK) {
-    fprintf(stderr, "discover: no discovery scan interface\n");
-    return 1;
+    return Fail("no discovery scan interface");
   }
-
   teskclient::DiscoveryScanPlan plan;
   plan.params.band = 2;
   teskclient::EncodedDiscoveryScan request;
   std::string error;
   teskclient::EncodeDiscoveryScan(plan, &request, &error);
-
   Object callback = teskclient::MakeCallbackObject([](const ObjectArg* args, uint32_t counts) {
     teskclient::DiscoveryResults results;
     const bool ok = teskclient::DecodeDiscoveryDelivery(args, counts, &results);
@@ -53,21 +47,14 @@ int main(int argc, char** argv) {
     done = true;
     delivered.notify_all();
   });
-
-  Object handle = kNullObject;
   if (teskclient::StartDiscoveryScan(scan, request, callback, &handle) != OBJECT_OK) {
-    fprintf(stderr, "discover: scan not started\n");
-    return 1;
+    return Fail("scan not started");
   }
   std::unique_lock<std::mutex> lock(mutex);
   delivered.wait_for(lock, std::chrono::seconds(30), [&] { return done; });
   const bool ok = done && well_formed && records > 0;
   printf("%s: %zu records\n", ok ? "delivered" : "no results", records);
   lock.unlock();
-
-  ObjectRelease(handle);
-  ObjectRelease(callback);
-  ObjectRelease(scan);
-  ObjectRelease(root);
+  for (Object o : {handle, callback, scan, root}) ObjectRelease(o);
   return ok ? 0 : 1;
 }

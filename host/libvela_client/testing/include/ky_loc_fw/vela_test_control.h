@@ -51,14 +51,11 @@ void SetSendHook(SendHook hook);
 
 // Requests recorded since RecordRequests, in the order they were sent.
 std::vector<SentRequest> SentRequests();
-// Blocks until request number index (from 0) has been recorded; returns it.
-SentRequest WaitForRequest(size_t index);
 
 // While held, automatic answers (and the extra responses of scenario faults)
 // are kept instead of being delivered; they are kept by the time sendRequest
 // returns. Delivering released answers ignores the scenario's latency.
 void HoldAnswers(bool hold);
-size_t HeldAnswerCount();
 // Queues the held answers for delivery, in the order they were made; returns
 // how many.
 size_t ReleaseHeldAnswers();
@@ -76,8 +73,6 @@ int DeliverAndWait(VELAResponse* response);
 // waiting for their latency included; held answers excluded) and no delivery
 // is running. Returns at once when no client is alive.
 void WaitIdle();
-
-int LiveClientCount();
 
 // Scenario text for the clients created from now on, in place of
 // VELA_SCENARIO and the built-in neighbourhood; null restores those.
