@@ -1,6 +1,7 @@
 // The serving half of the public API.
 #include <errno.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,6 +22,19 @@ namespace {
 std::mutex g_services_mutex;
 // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): never destroyed
 std::vector<Endpoint*>* g_services = new std::vector<Endpoint*>();
+
+// Served calls allocate on many threads. The allocator gives threads that
+// contend heaps of their own, and the free space at the top of those heaps
+// stays resident whatever malloc_trim is asked (it trims only the main
+// heap's top): a large call could leave tens of megabytes behind for good.
+// With one heap, the idle trim gives back everything that is free. Set
+// before the workers first allocate, while few heaps exist.
+void KeepOneHeap() {
+#ifdef __GLIBC__
+  static const bool once = mallopt(M_ARENA_MAX, 1) != 0;
+  (void)once;
+#endif
+}
 
 bool CanServe(int fd) {
   struct stat st {};
@@ -59,6 +73,7 @@ __attribute__((visibility("default"))) void* TarnIPC_startServiceOnSocket(int fd
                                                                           ObjectInvoke invoke,
                                                                           void* context) {
   if (invoke == nullptr || !tarnsocket::CanServe(fd)) return nullptr;
+  tarnsocket::KeepOneHeap();
   // Owned by g_services once started, for the life of the process.
   // NOLINTNEXTLINE(cppcoreguidelines-owning-memory)
   Endpoint* endpoint = new (std::nothrow) Endpoint(fd, Object{invoke, context});
