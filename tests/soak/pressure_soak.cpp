@@ -31,15 +31,16 @@ using std::chrono::milliseconds;
 // misbehaving client may cost the daemon's delivering thread once.
 constexpr long kCallbackWaitMs = 200;
 
-// Raw connections on threads of their own, counted; the destructor stops
-// and joins them.
+// Raw connections on threads of their own, counted.
 struct Attackers {
   std::atomic<bool> stop{false};
   std::atomic<int> slow_connected{0}, slow_ended{0}, pinned_calls{0}, pinned_ended{0};
   std::vector<std::thread> threads;
-  ~Attackers() {
+  ~Attackers() { Stop(); }
+  void Stop() {
     stop = true;
     for (std::thread& t : threads) t.join();
+    threads.clear();
   }
 
   // Connections that each send a valid frame one byte a second. When the
@@ -154,40 +155,31 @@ int RunPressureSoak(const PressureOptions& options) {
            daemon.CountInLog("peer did not take a frame");
   };
 
-  Timings arriving, attacked;
-  size_t offences_caught = 0;
-  DaemonFigures during;
-  int slow_ended = 0, slow_connected = 0, pinned_calls = 0, pinned_ended = 0;
+  Attackers attackers;
+  attackers.SlowSenders(path, options.slow_senders);
+  attackers.MemoryPinners(path, options.pinning_connections);
   std::vector<pid_t> clients;
-  {
-    Attackers attackers;
-    attackers.SlowSenders(path, options.slow_senders);
-    attackers.MemoryPinners(path, options.pinning_connections);
-    RoleOptions role{path, 0, 600, dir.Join("reports")};
-    const auto& kinds = options.callback_kinds;
-    for (int i = 0; i < options.callback_clients + options.huge_ranging_clients; ++i) {
-      role.seed = static_cast<unsigned>(i + 1);
-      const bool huge = i >= options.callback_clients;
-      clients.push_back(StartClient(huge ? "huge-range" : kinds[size_t(i) % kinds.size()], role));
-    }
-    // Each new late, silent or deaf client may hold the daemon's delivering
-    // thread once, for one callback answer time, before the library stops
-    // waiting for it: scans made while they arrive are timed on their own,
-    // until the library has caught every one of them (or a minute passed).
-    const auto caught_by = Clock::now() + std::chrono::seconds(60);
-    arriving = TimeScans(path, 1, [&] {
-      return offences() >= static_cast<size_t>(options.callback_clients) ||
-             Clock::now() > caught_by;
-    });
-    offences_caught = offences();
-    attacked = TimeScans(path, 5);
-    during = ReadFigures(daemon);
-    slow_connected = attackers.slow_connected;
-    for (pid_t pid : clients) kill(pid, SIGKILL);
-    slow_ended = attackers.slow_ended;
-    pinned_calls = attackers.pinned_calls;
-    pinned_ended = attackers.pinned_ended;
+  RoleOptions role{path, 0, 600, dir.Join("reports")};
+  const auto& kinds = options.callback_kinds;
+  for (int i = 0; i < options.callback_clients + options.huge_ranging_clients; ++i) {
+    role.seed = static_cast<unsigned>(i + 1);
+    const bool huge = i >= options.callback_clients;
+    clients.push_back(StartClient(huge ? "huge-range" : kinds[size_t(i) % kinds.size()], role));
   }
+  // Each new late, silent or deaf client may hold the daemon's delivering
+  // thread once, for one callback answer time, before the library stops
+  // waiting for it: scans made while they arrive are timed on their own,
+  // until the library has caught every one of them (or a minute passed).
+  const auto caught_by = Clock::now() + std::chrono::seconds(60);
+  const Timings arriving = TimeScans(path, 1, [&] {
+    return offences() >= static_cast<size_t>(options.callback_clients) || Clock::now() > caught_by;
+  });
+  const size_t offences_caught = offences();
+  const Timings attacked = TimeScans(path, 5);
+  const DaemonFigures during = ReadFigures(daemon);
+  const int slow_connected = attackers.slow_connected;
+  for (pid_t pid : clients) kill(pid, SIGKILL);
+  attackers.Stop();
   for (pid_t pid : clients) waitpid(pid, nullptr, 0);
 
   auto back = [&idle](const DaemonFigures& f) {
@@ -216,8 +208,9 @@ int RunPressureSoak(const PressureOptions& options) {
   print("under attack:", attacked);
   printf(" (allowed: 2 x (%ld + %ld) = %ld ms)\n", normal.max_ms, options.bound_ms, allowed_ms);
   printf("  slow senders connected at the end %d, their connections the daemon ended %d\n",
-         slow_connected, slow_ended);
-  printf("  16 MiB calls answered %d, their connections ended %d\n", pinned_calls, pinned_ended);
+         slow_connected, attackers.slow_ended.load());
+  printf("  16 MiB calls answered %d, their connections ended %d\n", attackers.pinned_calls.load(),
+         attackers.pinned_ended.load());
   printf("  daemon resident: idle %ld KiB, under attack %ld KiB, after %ld KiB (%+ld KiB)\n",
          idle.resident_kib, during.resident_kib, end.resident_kib,
          end.resident_kib - idle.resident_kib);
