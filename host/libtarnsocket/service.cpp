@@ -31,7 +31,8 @@ std::vector<Endpoint*>* g_services = new std::vector<Endpoint*>();
 // before the workers first allocate, while few heaps exist.
 void KeepOneHeap() {
 #ifdef __GLIBC__
-  static const bool once = mallopt(M_ARENA_MAX, 1) != 0;
+  // mallopt takes the allocator's own lock; the static runs it once.
+  static const bool once = mallopt(M_ARENA_MAX, 1) != 0;  // NOLINT(concurrency-mt-unsafe)
   (void)once;
 #endif
 }
