@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "limits.h"
+#include "peer_limits.h"
 
 namespace tarnsocket {
 

@@ -25,7 +25,7 @@
 #include "frame.h"
 #include "frame_reader.h"
 #include "invoke_frame.h"
-#include "limits.h"
+#include "peer_limits.h"
 #include "proxy.h"
 #include "socket_io.h"
 

@@ -1,4 +1,4 @@
-#include "limits.h"
+#include "peer_limits.h"
 
 #include <errno.h>
 #include <stdlib.h>

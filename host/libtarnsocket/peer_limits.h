@@ -1,8 +1,8 @@
 // What one peer may cost this process: each limit has a default in
 // tarn_ipc.h and an environment variable that overrides it for connections
 // made after it is set.
-#ifndef TARNSOCKET_LIMITS_H_
-#define TARNSOCKET_LIMITS_H_
+#ifndef TARNSOCKET_PEER_LIMITS_H_
+#define TARNSOCKET_PEER_LIMITS_H_
 
 #include <stdint.h>
 
@@ -39,4 +39,4 @@ uint64_t KeptBufferBytes();
 
 }  // namespace tarnsocket
 
-#endif  // TARNSOCKET_LIMITS_H_
+#endif  // TARNSOCKET_PEER_LIMITS_H_
