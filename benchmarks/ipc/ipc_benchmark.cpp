@@ -2,7 +2,6 @@
 // each against the raw socket transfer it rides on, measured in the same
 // run. All processes are pinned to one core, so every round trip pays the
 // same context switches.
-#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,9 +18,14 @@
 #include <vector>
 
 #include "benchmark/benchmark.h"
+#include "benchmarks/support/bench_support.h"
 #include "tarnsocket/tarn_ipc.h"
 
 namespace {
+
+using bench::PinToOneCore;
+using bench::ReadFull;
+using bench::WriteFull;
 
 constexpr size_t kSmall = 64;
 constexpr size_t kBig = 8u << 20;
@@ -31,43 +35,6 @@ int g_raw_small = -1;  // socket to a process that answers 64 bytes with 64 byte
 int g_raw_big = -1;    // socket to a process that answers 8 MiB with 8 bytes
 Object g_root{nullptr, nullptr};
 std::vector<pid_t> g_children;
-
-bool ReadFull(int fd, void* data, size_t size) {
-  auto* bytes = static_cast<uint8_t*>(data);
-  while (size > 0) {
-    const ssize_t n = read(fd, bytes, size);
-    if (n <= 0) return false;
-    bytes += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool WriteFull(int fd, const void* data, size_t size) {
-  const auto* bytes = static_cast<const uint8_t*>(data);
-  while (size > 0) {
-    const ssize_t n = write(fd, bytes, size);
-    if (n <= 0) return false;
-    bytes += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-void PinToOneCore() {
-  cpu_set_t allowed;
-  CPU_ZERO(&allowed);
-  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return;
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (CPU_ISSET(cpu, &allowed)) {
-      cpu_set_t one;
-      CPU_ZERO(&one);
-      CPU_SET(cpu, &one);
-      sched_setaffinity(0, sizeof one, &one);
-      return;
-    }
-  }
-}
 
 // A child that reads `in` bytes and answers `out` bytes until its socket ends.
 int StartRawPeer(size_t in, size_t out) {

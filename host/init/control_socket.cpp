@@ -10,33 +10,16 @@
 #include <cstdio>
 #include <cstring>
 
+#include "unique_fd.h"
+
 namespace {
 
 std::string SystemError(const std::string& what, int error) {
   return what + ": " + strerror(error);
 }
 
-class Socket {
- public:
-  explicit Socket(int fd) : fd_(fd) {}
-  ~Socket() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  int get() const { return fd_; }
-  int Release() {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
-
 bool SomebodyAnswers(const sockaddr_un& addr, int type) {
-  Socket probe(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+  UniqueFd probe(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
   return probe.get() >= 0 &&
          connect(probe.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
 }
@@ -78,7 +61,7 @@ int CreateControlSocket(int dir_fd, const std::string& dir, const std::string& n
   memcpy(addr.sun_path, path.c_str(), path.size() + 1);
   if (!ClearStale(dir_fd, name, path, addr, type, error)) return -1;
 
-  Socket fd(socket(AF_UNIX, type, 0));
+  UniqueFd fd(socket(AF_UNIX, type, 0));
   if (fd.get() < 0) {
     *error = SystemError("socket", errno);
     return -1;

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <sstream>
 
+#include "unique_fd.h"
+
 namespace {
 
 std::string Octal(mode_t mode) {
@@ -37,27 +39,6 @@ std::string Distrust(const struct stat& st, bool final) {
   }
   return "";
 }
-
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  ~Fd() { Reset(-1); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  void Reset(int fd) {
-    if (fd_ >= 0) close(fd_);
-    fd_ = fd;
-  }
-  int Release() {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
 
 // Opens `name` inside `parent` as a folder, never through a symlink;
 // creates it first when missing.
@@ -95,7 +76,7 @@ int OpenSocketFolder(const std::string& dir, mode_t create_mode, std::string* er
     *error = "socket folder must be an absolute path: '" + dir + "'";
     return -1;
   }
-  Fd current(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd current(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (current.get() < 0) {
     *error = SystemError("cannot open /", errno);
     return -1;
