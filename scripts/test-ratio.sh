@@ -3,7 +3,7 @@
 # counting non-blank lines that are not only a comment, in C, C++ and CMake
 # files. Tests are tests/, fuzz/ and the simulated location service's test
 # hooks; benchmarks are neither. Goal: 0.25 to 0.40.
-# Usage: scripts/test-ratio.sh [-v]   (-v: per top-level folder)
+# Usage: scripts/test-ratio.sh [-v]   (-v: per top-level folder and test suite)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,8 +27,9 @@ is_test='^(tests|fuzz)/|^host/libvela_client/testing/'
 tests=$(files | grep -E "$is_test" | count)
 product=$(files | grep -Ev "$is_test" | grep -Ev '^benchmarks/' | count)
 if [ "${1:-}" = "-v" ]; then
-  for dir in $(files | cut -d/ -f1 | sort -u); do
-    printf '%-12s %6s\n' "$dir" "$(files | grep -E "^$dir(/|$)" | count)"
+  for dir in $(files | cut -d/ -f1 | sort -u) $(files | grep -E '^tests/[^/]+/' | cut -d/ -f1-2 | sort -u) \
+             host/libvela_client/testing; do
+    printf '%-28s %6s\n' "$dir" "$(files | grep -E "^$dir(/|$)" | count)"
   done
 fi
 awk -v t="$tests" -v p="$product" 'BEGIN {
