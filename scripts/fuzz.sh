@@ -34,10 +34,7 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 targets=()
 for t in "$@"; do targets+=("${t%_fuzzer}"); done
 if [ ${#targets[@]} -eq 0 ]; then
-  for dir in fuzz/*/; do
-    [ -f "$dir/CMakeLists.txt" ] && grep -q tesk_add_fuzzer "$dir/CMakeLists.txt" &&
-      targets+=("$(basename "$dir")")
-  done
+  for covers in fuzz/*/covers; do targets+=("$(basename "$(dirname "$covers")")"); done
 fi
 
 if [ ! -f build/asan/build.ninja ]; then cmake --preset asan >/dev/null; fi

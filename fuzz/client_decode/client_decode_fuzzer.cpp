@@ -1,9 +1,9 @@
 // Feeds arbitrary bytes to the client library as if a daemon had delivered
 // them: the discovery and ranging decoders, every record's pool slices and
 // the information-element walk over each slice.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <vector>
 
 #include "teskclient/information_elements.h"
@@ -12,16 +12,12 @@
 namespace {
 
 // Splits the input into up to five buffers: two size bytes per buffer, then
-// the buffer contents in order.
+// the buffer contents in order, cut at the end of the input.
 std::vector<std::vector<uint8_t>> Split(const uint8_t* data, size_t size) {
   std::vector<std::vector<uint8_t>> buffers(5);
-  size_t at = 0;
-  std::vector<size_t> lengths;
-  for (int i = 0; i < 5 && size - at >= 2; ++i, at += 2) {
-    lengths.push_back(static_cast<size_t>(data[at] | data[at + 1] << 8));
-  }
-  for (size_t i = 0; i < lengths.size(); ++i) {
-    const size_t n = lengths[i] < size - at ? lengths[i] : size - at;
+  const size_t sizes = std::min<size_t>(5, size / 2);
+  for (size_t i = 0, at = 2 * sizes; i < sizes; ++i) {
+    const size_t n = std::min<size_t>(data[2 * i] | data[2 * i + 1] << 8, size - at);
     buffers[i].assign(data + at, data + at + n);
     at += n;
   }

@@ -18,32 +18,27 @@
 
 namespace {
 
-// An abstract address: nothing to clean up in the file system.
-sockaddr_un Address() {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tesk-fuzz-%d", getpid());
-  return address;
-}
-
-void Serve() {
+// Serves on an abstract address (nothing to clean up in the file system),
+// which it returns.
+sockaddr_un Serve() {
   fuzz_support::UseInstantService();
   // A stream that leaves a call unanswered must not hold a run for long.
   setenv("TARN_CALL_TIMEOUT_MS", "200", 1);
-  const sockaddr_un address = Address();
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tesk-fuzz-%d", getpid());
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       TarnIPC_startServiceOnSocket(fd, root_invoke, nullptr) == nullptr) {
     abort();
   }
+  return address;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool ready = (Serve(), true);
-  (void)ready;
-  const sockaddr_un address = Address();
+  static const sockaddr_un address = Serve();
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) abort();
   // The daemon may end the connection before it has read everything.

@@ -22,10 +22,6 @@ namespace {
 using ky_loc_fw::VELAInfoElement;
 using ky_loc_fw::VELAScanMeasurement;
 
-void Check(bool ok) {
-  if (!ok) __builtin_trap();
-}
-
 VELAInfoElement* MakeElement(FuzzedDataProvider& in) {
   if (in.ConsumeBool()) return nullptr;
   const uint8_t id = in.ConsumeBool() ? 221 : in.ConsumeIntegral<uint8_t>();
@@ -44,23 +40,15 @@ void AddBeaconElements(const uint8_t* ies, size_t size,
   }
 }
 
+// Only what decides how a measurement is laid out is fuzzed; plain values
+// are copied whatever they are.
 void Fill(FuzzedDataProvider& in, VELAScanMeasurement* m) {
-  m->bssid.setMac(in.ConsumeIntegral<int>(), in.ConsumeIntegral<int>());
   uint8_t ssid[40] = {};
   in.ConsumeData(ssid, in.ConsumeIntegralInRange<size_t>(0, sizeof ssid));
   ky_loc_fw::vela_test::SsidAccess::Set(&m->ssid, ssid, in.ConsumeIntegralInRange<int>(-1, 40),
                                         in.ConsumeBool());
-  m->value32_2 = in.ConsumeIntegral<uint32_t>();
-  m->value8_8 = in.ConsumeIntegral<uint8_t>();
-  m->value64 = in.ConsumeIntegral<uint64_t>();
-  m->value16_3 = in.ConsumeIntegral<uint16_t>();
-
-  const int details = in.ConsumeIntegralInRange(0, 40);
-  for (int i = 0; i < details; ++i) {
-    auto* detail = new ky_loc_fw::VELAMeasurementDetail();
-    detail->infoValue16_2 = in.ConsumeIntegral<uint32_t>();
-    detail->infoBlock[in.ConsumeIntegralInRange(0, 15)] = in.ConsumeIntegral<uint8_t>();
-    m->details.push_back(detail);
+  for (int i = in.ConsumeIntegralInRange(0, 40); i > 0; --i) {
+    m->details.push_back(new ky_loc_fw::VELAMeasurementDetail());
   }
   for (signed char c : in.ConsumeBytes<signed char>(in.ConsumeIntegralInRange(0, 300))) {
     m->rawBytes.push_back(c);
@@ -70,27 +58,27 @@ void Fill(FuzzedDataProvider& in, VELAScanMeasurement* m) {
 }
 
 void CheckRecords(const RangingData& out) {
-  const uint32_t pool = out.bytes.getCount();
+  const uint64_t pool = out.bytes.getCount();
   for (uint32_t i = 0; i < out.measurements.getCount(); ++i) {
-    const WifiScanMeasurement& rec = out.measurements.getData()[i];
-    Check(rec.firstInfoIndex + uint32_t{rec.infoCount} <= out.infos.getCount());
-    Check(uint64_t{rec.bytesOffset} + rec.bytesLength <= pool);
-    Check(uint64_t{rec.elementAOffset} + rec.elementALength <= pool);
-    Check(uint64_t{rec.elementBOffset} + rec.elementBLength <= pool);
-    Check(uint64_t{rec.beaconIesOffset} + rec.beaconIesLength <= pool);
-    Check(uint64_t{rec.firstMacIndex} + rec.macCount <= out.macs.getCount());
-    Check(rec.ssidLength <= 32 && (rec.ssidPresent == 0 || rec.ssidValid == 1));
-    Check(rec.reserved0 == 0 && rec.reserved1 == 0 && rec.reserved2 == 0);
+    const WifiScanMeasurement& r = out.measurements.getData()[i];
+    if (r.firstInfoIndex + uint32_t{r.infoCount} > out.infos.getCount() ||
+        r.bytesOffset + uint64_t{r.bytesLength} > pool ||
+        r.elementAOffset + uint64_t{r.elementALength} > pool ||
+        r.elementBOffset + uint64_t{r.elementBLength} > pool ||
+        r.beaconIesOffset + uint64_t{r.beaconIesLength} > pool ||
+        r.firstMacIndex + uint64_t{r.macCount} > out.macs.getCount() || r.ssidLength > 32 ||
+        (r.ssidPresent != 0 && r.ssidValid != 1) || r.reserved0 != 0 || r.reserved1 != 0 ||
+        r.reserved2 != 0) {
+      __builtin_trap();
+    }
   }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    ky_loc_fw::log_set_sink([](void*, char, const char*, const char*) {}, nullptr, true);
-    return true;
-  }();
+  static const bool quiet =
+      (ky_loc_fw::log_set_sink([](void*, char, const char*, const char*) {}, nullptr, true), true);
   (void)quiet;
 
   if (size < 2) return 0;
@@ -114,21 +102,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       case 1: {
         ky_loc_fw::VELAFullBeaconScanMeasurement m;
         Fill(in, &m);
-        m.beaconTsf = in.ConsumeIntegral<uint64_t>();
-        const int elements = in.ConsumeIntegralInRange(0, 20);
-        for (int i = 0; i < elements; ++i) m.informationElements.push_back(MakeElement(in));
+        for (int i = in.ConsumeIntegralInRange(0, 20); i > 0; --i) {
+          m.informationElements.push_back(MakeElement(in));
+        }
         MarshalFullBeacon(out, &m);
         break;
       }
       case 2: {
         ky_loc_fw::VELARangingScanMeasurement m;
         Fill(in, &m);
-        const int macs = in.ConsumeIntegralInRange(0, 20);
-        for (int i = 0; i < macs; ++i) {
-          ky_loc_fw::VELAMacAddress mac;
-          mac.setMac(in.ConsumeIntegral<int>(), in.ConsumeIntegral<int>());
-          m.macList.push_back(mac);
-        }
+        for (int i = in.ConsumeIntegralInRange(0, 20); i > 0; --i) m.macList.push_back({});
         MarshalRanging(out, &m);
         break;
       }

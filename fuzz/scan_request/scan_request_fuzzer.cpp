@@ -16,9 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz_support::PeerFrame frame;
   if (!fuzz_support::PeerFrame::Next(data, size, &at, &frame)) return 0;
   fuzz_support::CountingCallback callback;
-  fuzz_support::CallArgs args(frame.counts);
-  frame.FillArgs(&args, callback.object());
-
+  fuzz_support::CallArgs args(frame, callback.object());
   for (const Object& scan : {CreateVelaDiscoveryScan(), CreateVelaRangingScan()}) {
     args.Invoke(scan, frame.code);
     fuzz_support::SettleService();

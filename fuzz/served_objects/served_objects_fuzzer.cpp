@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <iterator>
 #include <map>
+#include <utility>
 
 #include "deauth/deauth_monitor.h"
 #include "fuzz/support/served_call.h"
@@ -16,33 +17,17 @@
 
 namespace {
 
-struct Held {
-  Object object;
-  uint32_t refs;
-};
-
-using HeldMap = std::map<uint32_t, Held>;
+using HeldMap = std::map<uint32_t, std::pair<Object, uint32_t>>;  // handle: object, references
 
 // Drops n references; an object whose last one went may be gone.
 void Drop(HeldMap& held, HeldMap::iterator it, uint32_t n) {
-  for (uint32_t k = 0; k < n && k < it->second.refs; ++k) ObjectRelease(it->second.object);
-  if (n < it->second.refs) {
-    it->second.refs -= n;
+  auto& [object, refs] = it->second;
+  for (uint32_t k = 0; k < n && k < refs; ++k) ObjectRelease(object);
+  if (n < refs) {
+    refs -= n;
   } else {
     held.erase(it);
   }
-}
-
-// The object a frame names; an unknown handle picks one of those held.
-HeldMap::iterator Find(HeldMap& held, uint32_t handle) {
-  auto it = held.find(handle);
-  return it != held.end() ? it : std::next(held.begin(), handle % held.size());
-}
-
-void Keep(HeldMap& held, Object o) {
-  uint32_t handle = 0;
-  while (held.count(handle) != 0) ++handle;
-  held.emplace(handle, Held{o, 1});
 }
 
 }  // namespace
@@ -51,27 +36,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool ready = (fuzz_support::UseInstantService(), true);
   (void)ready;
   fuzz_support::CountingCallback callback;
-  HeldMap held{{0, Held{Object{root_invoke, nullptr}, 1}}};
+  HeldMap held{{0, {Object{root_invoke, nullptr}, 1}}};
   size_t at = 0;
   fuzz_support::PeerFrame frame;
   for (int n = 0; n < 64 && !held.empty() && fuzz_support::PeerFrame::Next(data, size, &at, &frame);
        ++n) {
-    const auto target = Find(held, frame.handle);
+    // An unknown handle picks one of those held.
+    auto target = held.find(frame.handle);
+    if (target == held.end()) target = std::next(held.begin(), frame.handle % held.size());
     if (frame.type == 1) {
-      fuzz_support::CallArgs args(frame.counts);
-      frame.FillArgs(&args, callback.object());
+      fuzz_support::CallArgs args(frame, callback.object());
       // Retain and release sent as calls are the peer's own business here
       // too: their effect on the object is mirrored, not prevented.
       const uint32_t op = frame.code & OBJECT_OP_MASK;
       if (op == OBJECT_OP_RELEASE) {
         Drop(held, target, 1);
       } else {
-        args.Invoke(target->second.object, frame.code);
-        if (op == OBJECT_OP_RETAIN) ++target->second.refs;
+        args.Invoke(target->second.first, frame.code);
+        target->second.second += op == OBJECT_OP_RETAIN;
       }
       fuzz_support::SettleService();
       for (unsigned i = 0; i < args.out_objs(); ++i) {
-        if (!IsNullObject(args.Output(i))) Keep(held, args.Output(i));
+        uint32_t handle = 0;
+        while (held.count(handle) != 0) ++handle;
+        if (!IsNullObject(args.Output(i))) held.emplace(handle, std::make_pair(args.Output(i), 1u));
       }
     } else if (frame.type == 3) {
       Drop(held, target, frame.code);
@@ -80,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                     static_cast<uint16_t>(frame.counts), frame.body_size != 0);
     }
   }
-  while (!held.empty()) Drop(held, held.begin(), held.begin()->second.refs);
+  while (!held.empty()) Drop(held, held.begin(), held.begin()->second.second);
   fuzz_support::SettleService();
   callback.CheckBalanced();
   return 0;

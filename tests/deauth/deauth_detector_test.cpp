@@ -1,5 +1,6 @@
-// The detector as the daemon runs it, with a socket pair in place of the
-// kernel: Initialize, the controller lookup, the listener thread, the stop.
+// What the detector reads from the kernel: the controller's reply to its
+// lookup, with a socket pair in place of the kernel, and disconnect events.
+// Listening itself is shown end to end by deauth_ipc_test.
 #include "deauth/deauth_detector.h"
 
 #include <fcntl.h>
@@ -8,172 +9,138 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
+#include "deauth/disconnect_event.h"
 #include "deauth/family_lookup.h"
 #include "tests/deauth/test_support.h"
+#include "tests/support/log_lines.h"
 
 namespace {
 
-using deauth_test::DatagramPair;
 using deauth_test::DisconnectEvent;
+using deauth_test::Event;
 using deauth_test::FakeNetlink;
 using deauth_test::FamilyReply;
 using deauth_test::Group;
-using deauth_test::LogCapture;
+using deauth_test::KernelMessage;
+using deauth_test::kNl80211Family;
 using Lines = std::vector<std::string>;
 
-// Records the events it gets; may hold the first one until released.
-class FakeDetector : public DeauthDetector {
- public:
-  ~FakeDetector() override {
-    Hold(false);
-    Stop();
-  }
-  void OnDeauth(int wiphy, int ifindex, int reason, bool by_ap) override {
-    std::unique_lock<std::mutex> lock(mutex_);
-    events_.push_back(DeauthEvent{wiphy, ifindex, reason, by_ap ? 1u : 0u});
-    changed_.notify_all();
-    changed_.wait(lock, [&] { return !hold_; });
-  }
-  std::vector<DeauthEvent> WaitFor(size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return events_.size() >= count; });
-    return events_;
-  }
-  void Hold(bool hold) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hold_ = hold;
-    changed_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<DeauthEvent> events_;
-  bool hold_ = false;
+struct Detector : DeauthDetector {
+  void OnDeauth(int /*wiphy*/, int /*ifindex*/, int /*reason*/, bool /*by_ap*/) override {}
 };
 
-bool IsOpen(int fd) {
-  return fcntl(fd, F_GETFD) != -1;
-}
-
-TEST(DeauthDetectorTest, InitializesOverTheControllerAndDeliversEvents) {
-  LogCapture log;
-  DatagramPair pair;
-  // Queued before the request goes out; the request itself is checked
-  // against the running kernel below.
-  ASSERT_TRUE(pair.Send(FamilyReply({Group("scan", 6), Group("mlme", 8)})));
-  FakeNetlink::socket = pair.TakeFirst();
-  FakeNetlink::join_result = 0;
-  FakeDetector detector;
-  ASSERT_TRUE(detector.Initialize(FakeNetlink::kAccess));
-  EXPECT_EQ(FakeNetlink::joined, 8u);
-  FakeNetlink::socket = -1;
-  EXPECT_TRUE(detector.Initialize(FakeNetlink::kAccess)) << "a second call opens nothing";
-
-  ASSERT_TRUE(pair.Send(DisconnectEvent(1, 4, 7, true).Bytes()));
-  ASSERT_TRUE(pair.Send({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
-  ASSERT_TRUE(pair.Send(DisconnectEvent(0, 3, 0, false).Bytes()));
-  EXPECT_EQ(detector.WaitFor(2), (std::vector<DeauthEvent>{{1, 4, 7, 1}, {0, 3, 0, 0}}));
-  EXPECT_EQ(log.Lines(), (Lines{"I family 28 group 8", "W Bad Netlink message length"}));
-}
-
-TEST(DeauthDetectorTest, FailedStartsCloseTheSocket) {
-  struct Case {
-    const char* name;
+// Every way a start fails, and what it logs; the socket is closed again.
+TEST(DeauthDetectorTest, FailedStartsLogWhyAndCloseTheSocket) {
+  auto error = [](const char* text, int e) {
+    return "E " + std::string(text) + std::to_string(e) + " (" + strerror(e) + ")";
+  };
+  KernelMessage six_byte_id, error_reply(NLMSG_ERROR);
+  six_byte_id.PutU16(CTRL_ATTR_MCAST_GRP_ID, 4).Put(CTRL_ATTR_MCAST_GRP_NAME, "mlme", 5);
+  const int32_t enoent = -ENOENT;
+  error_reply.Raw(&enoent, 4);
+  enum Kernel { kNoSocket, kGone, kSilent, kReplies };
+  const struct {
+    Kernel kernel;
     std::vector<uint8_t> reply;
     int join_result;
     Lines log;
-  };
-  const Case cases[] = {
-      {"no mlme group", FamilyReply({Group("scan", 6)}), 0, {"I family 28 group -1"}},
-      {"join refused",
+  } cases[] = {
+      {kNoSocket, {}, 0, {error("Failed to open netlink socket: ", EMFILE)}},
+      {kGone, {}, 0, {error("Failed to send GETFAMILY:  ", ECONNREFUSED)}},
+      {kSilent, {}, 0, {error("Failed to recv GETFAMILY response: ", EAGAIN)}},
+      {kReplies, error_reply.Bytes(), 0, {"I family 65535 group -1"}},
+      {kReplies,
+       std::vector<uint8_t>(10),
+       0,
+       {"W Bad Netlink message length", "I family 65535 group -1"}},
+      {kReplies, FamilyReply({Group("mlmex", 7), Group("mlm", 8)}), 0, {"I family 28 group -1"}},
+      {kReplies, FamilyReply({six_byte_id}), 0, {"I family 28 group -1"}},
+      {kReplies,
        FamilyReply({Group("mlme", 8)}),
        -1,
-       {"I family 28 group 8", std::string("E setsockopt failed: 1 (") + strerror(EPERM) + ")"}},
+       {"I family 28 group 8", error("setsockopt failed: ", EPERM)}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    LogCapture log;
-    DatagramPair pair;
-    ASSERT_TRUE(pair.Send(c.reply));
-    FakeNetlink::socket = pair.TakeFirst();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.log.back());
+    tesk_test::LogLines log;
+    deauth_test::DatagramPair pair(c.kernel == kSilent ? SOCK_NONBLOCK : 0);
+    EXPECT_TRUE(c.kernel != kReplies || pair.Send(c.reply));
+    if (c.kernel == kGone) close(std::exchange(pair.fds[1], -1));
+    FakeNetlink::socket = c.kernel == kNoSocket ? -1 : pair.TakeFirst();
     FakeNetlink::join_result = c.join_result;
-    FakeDetector detector;
+    Detector detector;
     EXPECT_FALSE(detector.Initialize(FakeNetlink::kAccess));
-    EXPECT_FALSE(IsOpen(FakeNetlink::socket));
-    EXPECT_EQ(log.Lines(), c.log);
+    EXPECT_EQ(fcntl(FakeNetlink::socket, F_GETFD), -1) << "closed";
+    EXPECT_EQ(log.Take(), c.log);
   }
-  LogCapture log;
-  FakeNetlink::socket = -1;
-  errno = EMFILE;
-  FakeDetector unopened;
-  EXPECT_FALSE(unopened.Initialize(FakeNetlink::kAccess));
-  EXPECT_EQ(log.Lines(),
-            Lines{std::string("E Failed to open netlink socket: 24 (") + strerror(EMFILE) + ")"});
 }
 
-// The listener is stopped while it handles a first event, with a second
-// one pending: that one still goes first.
-TEST(DeauthDetectorTest, EventPendingWithStopIsDeliveredFirst) {
-  DatagramPair pair;
-  ASSERT_TRUE(pair.Send(FamilyReply({Group("mlme", 8)})));
-  FakeNetlink::socket = pair.TakeFirst();
-  FakeNetlink::join_result = 0;
-  FakeDetector detector;
-  ASSERT_TRUE(detector.Initialize(FakeNetlink::kAccess));
-  detector.Hold(true);
-  ASSERT_TRUE(pair.Send(DisconnectEvent(1, 1, 1, false).Bytes()));
-  detector.WaitFor(1);
-  ASSERT_TRUE(pair.Send(DisconnectEvent(2, 2, 2, false).Bytes()));
-  // Stop writes the stop byte while the first event is held, then waits.
-  std::thread stop([&] { detector.Stop(); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  detector.Hold(false);
-  stop.join();  // the stop byte alone ends the thread, or this hangs
-  EXPECT_EQ(detector.WaitFor(2), (std::vector<DeauthEvent>{{1, 1, 1, 0}, {2, 2, 2, 0}}));
-}
-
-TEST(FamilyLookupTest, LogsSocketFailures) {
-  LogCapture log;
-  DatagramPair pair(SOCK_NONBLOCK);
-  FamilyLookup lookup;
-  EXPECT_FALSE(QueryFamily(-1, "nl80211", "mlme", lookup));
-  EXPECT_FALSE(QueryFamily(pair.fds[0], "nl80211", "mlme", lookup));
-  EXPECT_EQ(
-      log.Lines(),
-      (Lines{std::string("E Failed to send GETFAMILY:  9 (") + strerror(EBADF) + ")",
-             std::string("E Failed to recv GETFAMILY response: 11 (") + strerror(EAGAIN) + ")"}));
-}
-
-// The same lookup against the running kernel's controller, with a family
-// and a group every Linux kernel has.
+// The request the daemon builds, put to the running kernel's controller,
+// for a family and a group every Linux kernel has.
 TEST(FamilyLookupTest, ResolvesTheRealControllersNotifyGroup) {
   const int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_GENERIC);
   if (fd < 0) GTEST_SKIP() << "no generic netlink here: " << strerror(errno);
-  LogCapture log;
+  tesk_test::LogLines log;
   FamilyLookup lookup;
   EXPECT_TRUE(QueryFamily(fd, "nlctrl", "notify", lookup));
   close(fd);
   EXPECT_EQ(lookup.family_id, GENL_ID_CTRL);
-  EXPECT_EQ(log.Lines(), Lines{"I family 16 group " + std::to_string(lookup.group_id)});
+  EXPECT_EQ(log.Take(), Lines{"I family 16 group " + std::to_string(lookup.group_id)});
 }
 
-TEST(DeauthDetectorTest, InitializeWithoutNl80211FailsQuietly) {
-  const int probe = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC);
-  if (probe < 0) GTEST_SKIP() << "no generic netlink here: " << strerror(errno);
-  close(probe);
-  LogCapture log;
-  FakeDetector detector;
-  if (detector.Initialize()) GTEST_SKIP() << "this machine has nl80211";
-  EXPECT_EQ(log.Lines(), Lines{"I family 65535 group -1"});
+TEST(DisconnectEventTest, ReadsDisconnectsAndIgnoresTheRest) {
+  KernelMessage repeated = DisconnectEvent(1, 5, 0, false),
+                zero_length = DisconnectEvent(1, 5, 9, false);
+  repeated.PutU32(NL80211_ATTR_WIPHY, 2).PutU16(NL80211_ATTR_IFINDEX, 6);
+  repeated.Put(NL80211_ATTR_REASON_CODE, "\x08", 1).Put(NL80211_ATTR_IE, "\xdd\x01\x00", 3);
+  const uint16_t empty_attribute[2] = {0, NL80211_ATTR_WIPHY};
+  zero_length.Raw(empty_attribute, 4).PutU32(NL80211_ATTR_WIPHY, 3);
+  const KernelMessage event = DisconnectEvent(1, 2, 3, false);
+  std::vector<uint8_t> deauthenticate = event.Bytes(), other_family = event.Bytes();
+  deauthenticate[16] = NL80211_CMD_DEAUTHENTICATE;
+  other_family[4] = kNl80211Family + 1;
+
+  const EventDatagram kBad = EventDatagram::kBadLength, kIgnored = EventDatagram::kIgnored,
+                      kDisconnect = EventDatagram::kDisconnect;
+  const struct {
+    const char* name;
+    std::vector<uint8_t> datagram;
+    EventDatagram kind;
+    Event event;  // when kind is kDisconnect
+  } cases[] = {
+      {"by the AP, with a reason",
+       DisconnectEvent(1, 4, 7, true).Bytes(),
+       kDisconnect,
+       {1, 4, 7, 1}},
+      {"local, reason omitted", DisconnectEvent(0, 3, 0, false).Bytes(), kDisconnect, {0, 3, 0, 0}},
+      {"repeats overwrite, short ones do not", repeated.Bytes(), kDisconnect, {2, 5, 0, 0}},
+      {"a zero length ends the walk", zero_length.Bytes(), kDisconnect, {1, 5, 9, 0}},
+      {"read past nlmsg_len", DisconnectEvent(7, 8, 1, true).Bytes(20), kDisconnect, {7, 8, 1, 1}},
+      {"no attributes",
+       KernelMessage(kNl80211Family, NL80211_CMD_DISCONNECT).Bytes(),
+       kDisconnect,
+       {0, 0, 0, 0}},
+      {"deauthenticate command", deauthenticate, kIgnored, {}},
+      {"other family", other_family, kIgnored, {}},
+      {"no room for the genl header", event.Bytes(0, 19), kIgnored, {}},
+      {"ten bytes", event.Bytes(0, 10), kBad, {}},
+      {"nlmsg_len beyond the datagram", event.Bytes(200), kBad, {}},
+      {"nlmsg_len below a header", event.Bytes(15), kBad, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    AttrParser attributes;
+    ASSERT_EQ(CheckEventDatagram(c.datagram.data(), c.datagram.size(), kNl80211Family, &attributes),
+              c.kind);
+    if (c.kind != kDisconnect) continue;
+    const Disconnect d = ReadDisconnect(attributes);
+    EXPECT_EQ((Event{d.wiphy, d.ifindex, d.reason, d.by_ap}), c.event);
+  }
 }
 
 }  // namespace

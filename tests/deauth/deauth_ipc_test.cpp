@@ -24,6 +24,7 @@
 #include "tarnsocket/tarn_ipc.h"
 #include "tests/deauth/test_support.h"
 #include "tests/support/emulator.h"
+#include "tests/support/log_lines.h"
 #include "tests/support/temp_dir.h"
 
 extern char** environ;
@@ -59,17 +60,21 @@ int32_t TrackingRootInvoke(void* context, uint32_t op, ObjectArg* args, uint32_t
   return result;
 }
 
+// The detector looks nl80211's "mlme" group up, joins it and listens; a
+// datagram too short for netlink is dropped and the next events still come.
 TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
-  // The monitor is a process-wide singleton: its detector listens once, on
-  // a pair that stands in for the kernel's nl80211 socket.
-  static deauth_test::DatagramPair kernel;
-  static const bool listening = [] {
-    using deauth_test::Group;
-    kernel.Send(deauth_test::FamilyReply({Group("mlme", 8)}));
-    deauth_test::FakeNetlink::socket = kernel.TakeFirst();
-    return DeauthMonitor::Get().Initialize(deauth_test::FakeNetlink::kAccess);
-  }();
-  ASSERT_TRUE(listening);
+  using deauth_test::FakeNetlink;
+  using deauth_test::Group;
+  tesk_test::LogLines log;
+  static deauth_test::DatagramPair kernel;  // the monitor listens on it until the process ends
+  ASSERT_TRUE(
+      kernel.Send(deauth_test::FamilyReply({Group("scan", 6), Group("mlme", 8), Group("v", 9)})));
+  FakeNetlink::socket = kernel.TakeFirst();
+  ASSERT_TRUE(DeauthMonitor::Get().Initialize(FakeNetlink::kAccess));
+  EXPECT_EQ(FakeNetlink::joined, 8u);
+  FakeNetlink::socket = -1;
+  EXPECT_TRUE(DeauthMonitor::Get().Initialize(FakeNetlink::kAccess))
+      << "a second call opens nothing";
 
   FakeCallback callback;
   g_watch = &callback;
@@ -100,6 +105,7 @@ TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
   while (callback.retains == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   using deauth_test::DisconnectEvent;
   ASSERT_TRUE(kernel.Send(DisconnectEvent(1, 4, 7, true).Bytes()));
+  ASSERT_TRUE(kernel.Send({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
   ASSERT_TRUE(kernel.Send(DisconnectEvent(0, 3, 0, false).Bytes()));
   ASSERT_TRUE(kernel.Send(DisconnectEvent(2, 9, 65535, false).Bytes()));
   char line[256];
@@ -119,6 +125,8 @@ TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
   EXPECT_EQ(callback.releases, 1);
   EXPECT_EQ(callback.deliveries, 3) << "nothing delivered after the drop";
   EXPECT_EQ(callback.bad_deliveries, 0) << "one 16-byte record per event";
+  EXPECT_EQ(log.Take(),
+            (std::vector<std::string>{"I family 28 group 8", "W Bad Netlink message length"}));
 
   TarnIPC_stopService(service);
   TarnIPC_join(service);

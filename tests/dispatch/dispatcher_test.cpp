@@ -4,18 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ky_loc_fw/log.h"
-#include "ky_loc_fw/log_capture.h"
 #include "ky_loc_fw/vela_test_control.h"
 #include "tests/support/emulator.h"
+#include "tests/support/log_lines.h"
 
 namespace {
 
@@ -28,10 +28,9 @@ constexpr char kExpectedRelease[] = "D Dispatcher: Expected release for ID %d\n"
 constexpr char kAborted[] = "D Dispatcher: Aborted ID %d\n";
 constexpr char kNull[] = "W Dispatcher: received Null response.\n";
 
-std::string Line(const std::string& format, unsigned int id) {
+std::string Line(std::string format, unsigned int id) {
   const size_t at = format.find("%d");
-  if (at == std::string::npos) return format;
-  return format.substr(0, at) + std::to_string(static_cast<int>(id)) + format.substr(at + 2);
+  return at == std::string::npos ? format : format.replace(at, 2, std::to_string(int(id)));
 }
 
 int32_t Call(Object handle, uint32_t op) {
@@ -56,28 +55,23 @@ class DispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
     VelaDispatcher::Get();
-    Fresh();
     vela::log_set_local_level_for_tag("tesk", 2);
-    vela::log_set_sink(&DispatcherTest::Sink, this, true);
-  }
-  void TearDown() override {
     Fresh();
-    vela::log_set_sink(nullptr, nullptr, false);
   }
+  void TearDown() override { Fresh(); }
 
-  // No answers due or held, no hook, nothing logged or delivered yet.
+  // No answers due or held, no hook, nothing logged yet.
   void Fresh() {
     vela_test::WaitIdle();
     vela_test::Reset();
     vela_test::RecordRequests();
     vela_test::HoldAnswers(true);
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
+    log_.Take();
   }
 
   // A discovery scan `id` for `remote`, whose response function checks how
   // it is called and counts the delivery.
-  int32_t Send(unsigned int id, FakeRemote& remote, Object* handle) {
+  static int32_t Send(unsigned int id, FakeRemote& remote, Object* handle) {
     using Scan = vela::VELADiscoveryScanRequest;
     std::unique_ptr<Scan> request(Scan::createFreshScanRequest(
         id, Scan::BAND_ALL, Scan::SCAN_TYPE_ACTIVE, 0, 0, Scan::REQUEST_MODE_NORMAL, false));
@@ -97,32 +91,17 @@ class DispatcherTest : public ::testing::Test {
     return vela_test::MakeResponseOfType(id, vela::VELAResponse::RESPONSE_TYPE_RANGING_SCAN);
   }
 
-  std::vector<std::string> Lines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-
-  std::mutex mutex_;
-  std::vector<std::string> lines_;  // of the tag "tesk", as "L text"
-
- private:
-  static void Sink(void* context, char letter, const char* tag, const char* text) {
-    if (std::string(tag) != "tesk") return;
-    std::lock_guard<std::mutex> lock(static_cast<DispatcherTest*>(context)->mutex_);
-    static_cast<DispatcherTest*>(context)->lines_.push_back(std::string(1, letter) + " " + text);
-  }
+  tesk_test::LogLines log_;
 };
 
 // In a fresh process each, where the dispatcher does not exist yet. Under an
 // emulator the test binary cannot start itself again; a fork is as fresh, as
 // death tests run before all others.
-TEST(DispatcherDeathTest, CreationIsLoggedAndExitsWhenTheClientCannotBeCreated) {
+TEST(DispatcherDeathTest, ExitsWhenTheClientCannotBeCreated) {
   ::testing::FLAGS_gtest_death_test_style = tesk_test::kUnderEmulator ? "fast" : "threadsafe";
   EXPECT_EXIT((vela_test::SetScenarioText("fault create\n"), VelaDispatcher::Get()),
               ::testing::ExitedWithCode(255),
               "E tesk: Dispatcher: Could not create the VELAClient");
-  EXPECT_EXIT((vela::log_set_local_level_for_tag("tesk", 2), VelaDispatcher::Get(), exit(0)),
-              ::testing::ExitedWithCode(0), "D tesk: Dispatcher: initialized");
 }
 
 // Steps after the send: a = the service answers, d = a second answer to the id,
@@ -167,7 +146,7 @@ TEST_F(DispatcherTest, LogsAndDeliversAtMostOnceWhateverTheOrder) {
     }
     std::vector<std::string> expected;
     for (const char* format : c.lines) expected.push_back(Line(format, id));
-    EXPECT_EQ(Lines(), expected);
+    EXPECT_EQ(log_.Take(), expected);
     EXPECT_EQ(remote.delivered, c.delivered);
     EXPECT_EQ(remote.retains, 1);
     EXPECT_EQ(remote.releases, 1);
@@ -197,7 +176,7 @@ TEST_F(DispatcherTest, FailedSendsKeepNothing) {
   Answer(id);
   Answer(refused_id);
   EXPECT_EQ(first.delivered, 1);
-  EXPECT_EQ(Lines().back(), Line(kUnexpected, refused_id));
+  EXPECT_EQ(log_.Take().back(), Line(kUnexpected, refused_id));
   Call(handle, OBJECT_OP_RELEASE);
 }
 
@@ -226,7 +205,7 @@ TEST_F(DispatcherTest, ConcurrentSendsAndReleasesRacingTheAnswers) {
   EXPECT_EQ(vela_test::ReleaseHeldAnswers(), static_cast<size_t>(kAll));
   for (std::thread& thread : threads) thread.join();
   vela_test::WaitIdle();
-  const std::vector<std::string> lines = Lines();
+  const std::vector<std::string> lines = log_.Take();
   auto logged = [&lines](const char* format, unsigned int id) {
     return static_cast<int>(std::count(lines.begin(), lines.end(), Line(format, id)));
   };
