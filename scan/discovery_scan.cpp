@@ -49,6 +49,13 @@ void ResponseReceived(VELAResponse* response, Object callback) {
                        static_cast<size_t>(discovery->measurements.getCount()));
 
   CommonResponseData data;
+  MarshalledSize size;
+  ForEachMeasurement(discovery->measurements, [&size](const VELAScanMeasurement* m, int type) {
+    if (type == kFullBeaconType) {
+      AddFullBeaconSize(size, static_cast<const VELAFullBeaconScanMeasurement*>(m));
+    }
+  });
+  Reserve(data, size);
   ForEachMeasurement(discovery->measurements, [&data](const VELAScanMeasurement* m, int type) {
     if (type == kFullBeaconType) {
       MarshalFullBeacon(data, static_cast<const VELAFullBeaconScanMeasurement*>(m));

@@ -19,17 +19,16 @@ constexpr uint8_t kExtendedMinLength = 25;
 constexpr uint8_t kUnextendableLength = 255;
 
 // Identifier, length byte, data and, when given, one trailing byte: one
-// element, appended to the byte pool in one piece. Returns its size.
+// element, appended to the byte pool. Returns its size.
 uint32_t AppendElement(CommonResponseData& out, const VELAInfoElement& element, uint8_t length_byte,
                        const uint8_t* trailing) {
-  signed char bytes[2 + 255 + 1];
-  bytes[0] = static_cast<signed char>(element.id);
-  bytes[1] = static_cast<signed char>(length_byte);
-  if (element.len != 0) std::memcpy(bytes + 2, element.data, element.len);
-  uint32_t size = element.len + 2u;
-  if (trailing != nullptr) bytes[size++] = static_cast<signed char>(*trailing);
-  out.bytes.append(bytes, size);
-  return size;
+  const signed char head[2] = {static_cast<signed char>(element.id),
+                               static_cast<signed char>(length_byte)};
+  out.bytes.append(head, 2);
+  out.bytes.append(reinterpret_cast<const signed char*>(element.data), element.len);
+  if (trailing == nullptr) return element.len + 2u;
+  out.bytes.append(reinterpret_cast<const signed char*>(trailing), 1);
+  return element.len + 3u;
 }
 
 // Element A or B of a measurement: the element as it stood in the frame.
@@ -73,6 +72,11 @@ bool IsExtendedVendorElement(const VELAInfoElement& element) {
   return element.id == kVendorSpecificId && element.len >= kExtendedMinLength &&
          element.len != kUnextendableLength &&
          std::memcmp(element.data, kVendorOui, sizeof kVendorOui) == 0;
+}
+
+// What AppendElement appends for `element` in the beacon's element list.
+uint32_t BeaconElementSize(const VELAInfoElement& element) {
+  return element.len + 2u + (IsExtendedVendorElement(element) ? 1u : 0u);
 }
 
 // The record MarshalCommon appended at `start`. After a failed append this
@@ -189,4 +193,40 @@ void MarshalRanging(RangingData& out, const ky_loc_fw::VELARangingScanMeasuremen
     rec->firstMacIndex = first;
     rec->macCount = n;  // the count read, not the number stored
   }
+}
+
+void AddCommonSize(MarshalledSize& size, const VELAScanMeasurement* m) {
+  if (m == nullptr) return;
+  size.measurements += 1;
+  size.infos += static_cast<uint16_t>(m->details.getCount());  // cut as MarshalCommon cuts it
+  size.bytes += m->rawBytes.getCount();
+  if (m->elementA != nullptr) size.bytes += m->elementA->len + 2u;
+  if (m->elementB != nullptr) size.bytes += m->elementB->len + 2u;
+}
+
+void AddFullBeaconSize(MarshalledSize& size, const ky_loc_fw::VELAFullBeaconScanMeasurement* m) {
+  if (m == nullptr) return;
+  AddCommonSize(size, m);
+  const uint32_t n = m->informationElements.getCount();
+  for (uint32_t k = 0; k < n; ++k) {
+    const VELAInfoElement* element = m->informationElements[k];
+    if (element != nullptr) size.bytes += BeaconElementSize(*element);
+  }
+}
+
+void AddRangingSize(MarshalledSize& size, const ky_loc_fw::VELARangingScanMeasurement* m) {
+  if (m == nullptr) return;
+  AddCommonSize(size, m);
+  size.macs += m->macList.getCount();
+}
+
+void Reserve(CommonResponseData& out, const MarshalledSize& size) {
+  out.measurements.reserve(out.measurements.getCount() + size.measurements);
+  out.infos.reserve(out.infos.getCount() + size.infos);
+  out.bytes.reserve(out.bytes.getCount() + size.bytes);
+}
+
+void Reserve(RangingData& out, const MarshalledSize& size) {
+  Reserve(static_cast<CommonResponseData&>(out), size);
+  out.macs.reserve(out.macs.getCount() + size.macs);
 }

@@ -67,23 +67,32 @@ class vector {
     return 0;
   }
 
+  // Room for `total` elements in one block, made now: the capacity becomes
+  // the one that pushing up to `total` elements would have reached (64
+  // doubled as often as needed), so that appends up to that many make no
+  // block of their own. True when there is room. Should the block not be
+  // had, nothing changes and nothing is logged: the appends that follow then
+  // grow, and fail, exactly as they would have without it.
+  bool reserve(uint64_t total) {
+    if (total == 0 || (data != nullptr && total <= capacity)) return true;
+    uint64_t target = data == nullptr ? kFirstCapacity : capacity;
+    while (target < total) target *= 2;
+    if (target > UINT32_MAX || target > SIZE_MAX / sizeof(T)) return false;
+    return Regrow(static_cast<uint32_t>(target));
+  }
+
   // Appends values[0..n) as n calls of push_back would, with at most one new
-  // block: the capacity doubles as often as push_back would have doubled it,
-  // in one step. Should that block not be had, the elements go one by one
-  // through push_back, so that failures are exactly push_back's.
+  // block (see reserve); should that block not be had, the elements go one
+  // by one through push_back, so that failures are exactly push_back's.
   int append(const T* values, uint32_t n) {
     if (n == 0) return 0;
-    if (data == nullptr || n > capacity - count) {
-      uint64_t target = data == nullptr ? kFirstCapacity : capacity;
-      while (target < uint64_t{count} + n) target *= 2;
-      if (target > UINT32_MAX || !Regrow(static_cast<uint32_t>(target))) {
-        int result = 0;
-        for (uint32_t i = 0; i < n; ++i) {
-          const int one = push_back(values[i]);
-          if (one != 0) result = one;
-        }
-        return result;
+    if (!reserve(uint64_t{count} + n)) {
+      int result = 0;
+      for (uint32_t i = 0; i < n; ++i) {
+        const int one = push_back(values[i]);
+        if (one != 0) result = one;
       }
+      return result;
     }
     std::copy_n(values, n, data + count);
     count += n;

@@ -6,6 +6,7 @@
 #include "cutils/sockets.h"
 #include "deauth/deauth_monitor.h"
 #include "ky_loc_fw/log.h"
+#include "scan/scan_heap.h"
 #include "service/root_object.h"
 #include "tarnsocket/tarn_ipc_service.h"
 
@@ -26,6 +27,7 @@ using JoinFn = TarnIPC_join_t;
 
 int main() {
   ky_loc_fw::log_set_local_level_for_tag(kTag, 1);
+  KeepScanMemoryForTheNextScan();
 
   // Scans are offered whether or not disconnect events can be detected.
   DeauthMonitor::Get().Initialize();

@@ -18,6 +18,7 @@
 #include "ky_loc_fw/vela_response.h"
 #include "ky_loc_fw/vela_test_control.h"
 #include "scan/marshal.h"
+#include "scan/scan_heap.h"
 
 namespace {
 
@@ -80,10 +81,15 @@ class Copier {
   std::vector<uint8_t> records_, infos_, pool_;
 };
 
-// What the daemon does with each response: marshal every beacon, hand the
-// arrays over, free them.
+// What the daemon does with each response: size the arrays, marshal every
+// beacon, hand the arrays over, free them.
 void Marshal(const Response& response) {
   CommonResponseData out;
+  MarshalledSize size;
+  for (uint32_t i = 0; i < response.measurements.getCount(); ++i) {
+    AddFullBeaconSize(size, Beacon(response, i));
+  }
+  Reserve(out, size);
   for (uint32_t i = 0; i < response.measurements.getCount(); ++i) {
     MarshalFullBeacon(out, Beacon(response, i));
   }
@@ -134,6 +140,7 @@ void Compare(size_t beacons, int rounds) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  KeepScanMemoryForTheNextScan();  // the daemon's heap, as the daemon sets it
   ky_loc_fw::log_set_local_level_for_tag("vector", 0);
   const bench::Options options = bench::ParseOptions(argc, argv);
   Compare(21, options.quick ? 3 : 20001);
