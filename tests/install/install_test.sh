@@ -2,7 +2,8 @@
 # install_test.sh BUILD_DIR CLIENT_SOURCE CXX BINDIR LIBDIR INCLUDEDIR
 # Installs BUILD_DIR into a temporary prefix, builds the client project there
 # against the installed package only, starts the installed daemon under the
-# installed hostinit and runs the client against it.
+# installed hostinit, runs the client against it and scans with the installed
+# teskctl.
 set -euo pipefail
 build=$1 client_source=$2 cxx=$3 bin=$4 lib=$5 include=$6
 
@@ -48,3 +49,4 @@ done
 grep -q "Serving TESK interface" "$work/daemon.log" || { cat "$work/daemon.log"; exit 1; }
 
 "$work/client/discover" "$work/socket/tesk" || { cat "$work/daemon.log"; exit 1; }
+"$prefix/$bin/teskctl" --socket "$work/socket/tesk" scan || { cat "$work/daemon.log"; exit 1; }

@@ -17,142 +17,110 @@ static_assert(std::is_standard_layout<VELAInfoElement>::value &&
                   offsetof(VELAInfoElement, id) == 0 && offsetof(VELAInfoElement, len) == 1 &&
                   offsetof(VELAInfoElement, data) == sizeof(void*),
               "an element: identifier, length, then the data pointer");
+#define AT(field) offsetof(VELAMeasurementDetail, field)
 static_assert(std::is_standard_layout<VELAMeasurementDetail>::value &&
-                  sizeof(VELAMeasurementDetail) == 64 &&
-                  offsetof(VELAMeasurementDetail, infoValue32_3) == 8 &&
-                  offsetof(VELAMeasurementDetail, unreadDetail) == 12 &&
-                  offsetof(VELAMeasurementDetail, infoBlock) == 16 &&
-                  offsetof(VELAMeasurementDetail, infoValue16_1) == 32 &&
-                  offsetof(VELAMeasurementDetail, infoValue32_4) == 34 &&
-                  offsetof(VELAMeasurementDetail, infoValue16_2) == 36 &&
-                  offsetof(VELAMeasurementDetail, infoValue32_7) == 48 &&
-                  offsetof(VELAMeasurementDetail, infoValue8_1) == 52 &&
-                  offsetof(VELAMeasurementDetail, infoValue8_4) == 55 &&
-                  offsetof(VELAMeasurementDetail, infoValue32_8) == 56 &&
-                  offsetof(VELAMeasurementDetail, infoValue8_8) == 63,
+                  sizeof(VELAMeasurementDetail) == 64 && AT(infoValue32_3) == 8 &&
+                  AT(unreadDetail) == 12 && AT(infoBlock) == 16 && AT(infoValue16_1) == 32 &&
+                  AT(infoValue32_4) == 34 && AT(infoValue16_2) == 36 && AT(infoValue32_7) == 48 &&
+                  AT(infoValue8_1) == 52 && AT(infoValue8_4) == 55 && AT(infoValue32_8) == 56 &&
+                  AT(infoValue8_8) == 63,
               "the detail record's fields in declaration order");
+#undef AT
 static_assert(std::is_standard_layout<VELAMacAddress>::value && sizeof(VELAMacAddress) == 8 &&
                   std::is_standard_layout<VELASsid>::value,
               "embedded in measurements and arrays");
 static_assert(sizeof(VELANodeInfo) == 56 && sizeof(VELAPeriodicNodeInfo) == 72,
               "the ranging targets' field widths");
+static_assert(std::has_virtual_destructor<VELAClientListener>::value &&
+                  std::has_virtual_destructor<vector<int>>::value,
+              "both carry a table of virtual operations");
 
 // The slot of a virtual member function in its class's table of virtual
-// operations, read from the Itanium C++ ABI's pointer to member function
+// operations, from the Itanium C++ ABI's pointer to member function
 // {ptr, adj}: ptr is 1 + the slot's byte offset, except on ARM, where ptr is
 // the byte offset and the low bit of adj marks a virtual function. -1 when
 // the function is not virtual.
-template <typename F>
-long VirtualSlot(F member) {
-  struct {
-    uintptr_t ptr;
-    ptrdiff_t adj;
-  } rep;
+template <typename Member>
+long VirtualSlot(Member member) {
+  uintptr_t rep[2];  // ptr, adj
   static_assert(sizeof rep == sizeof member, "Itanium pointer to member function");
   std::memcpy(&rep, &member, sizeof rep);
 #if defined(__arm__) || defined(__aarch64__)
-  const bool is_virtual = (rep.adj & 1) != 0;
-  const uintptr_t offset = rep.ptr;
+  return (rep[1] & 1) != 0 ? static_cast<long>(rep[0] / sizeof(void*)) : -1;
 #else
-  const bool is_virtual = (rep.ptr & 1) != 0;
-  const uintptr_t offset = rep.ptr - 1;
+  return (rep[0] & 1) != 0 ? static_cast<long>((rep[0] - 1) / sizeof(void*)) : -1;
 #endif
-  return is_virtual ? static_cast<long>(offset / sizeof(void*)) : -1;
 }
 
-TEST(VelaLayout, ListenerDeliversThroughSlotZeroBeforeItsDestructors) {
-  static_assert(std::has_virtual_destructor<VELAClientListener>::value, "");
+// The listener delivers through slot 0, before its destructors; the array is
+// its table of virtual operations, then the storage pointer, the capacity and
+// the count, with nothing between them.
+TEST(VelaLayout, ListenerSlotAndArrayLayout) {
   EXPECT_EQ(VirtualSlot(&VELAClientListener::responseReceived), 0);
-}
-
-// The array is a class of the library's interface: a table of virtual
-// operations (the destructor), then the storage pointer, the capacity and the
-// count, with nothing between them.
-TEST(VelaLayout, ArrayHoldsItsBlockCapacityAndCountAfterTheVtable) {
-  static_assert(std::has_virtual_destructor<vector<int>>::value, "");
-  static_assert(sizeof(vector<int>) == 2 * sizeof(void*) + 8, "vptr, data, capacity, count");
+  struct {
+    const void* vtable;
+    const int* data;
+    uint32_t capacity, count;
+  } seen;
+  static_assert(sizeof(vector<int>) == sizeof seen, "vptr, data, capacity, count");
   vector<int> array;
   array.push_back(7);
-  unsigned char bytes[sizeof array];
-  std::memcpy(bytes, static_cast<const void*>(&array), sizeof array);
-  const int* data;
-  uint32_t capacity;
-  uint32_t count;
-  std::memcpy(&data, bytes + sizeof(void*), sizeof data);
-  std::memcpy(&capacity, bytes + 2 * sizeof(void*), 4);
-  std::memcpy(&count, bytes + 2 * sizeof(void*) + 4, 4);
-  EXPECT_EQ(data, array.getData());
-  EXPECT_EQ(capacity, 64u);
-  EXPECT_EQ(count, 1u);
+  std::memcpy(&seen, static_cast<const void*>(&array), sizeof seen);
+  EXPECT_EQ(seen.data, array.getData());
+  EXPECT_EQ(seen.capacity, 64u);
+  EXPECT_EQ(seen.count, 1u);
 }
 
 template <typename C, typename M>
-size_t OffsetIn(const C& object, const M& member) {
+size_t At(const C& object, const M& member) {
   return static_cast<size_t>(reinterpret_cast<const char*>(&member) -
                              reinterpret_cast<const char*>(&object));
 }
 
-struct Field {
-  size_t offset;
-  size_t size;
-};
-template <typename C, typename M>
-Field F(const C& object, const M& member) {
-  return Field{OffsetIn(object, member), sizeof member};
+// The members' offsets in object, each checked to start after the previous
+// one ends, in declaration order.
+template <typename C, typename... M>
+std::vector<size_t> InOrder(const C& object, const M&... members) {
+  const std::vector<size_t> at = {At(object, members)...}, size = {sizeof(M)...};
+  for (size_t i = 1; i < at.size(); ++i) EXPECT_GE(at[i], at[i - 1] + size[i - 1]) << "field " << i;
+  return at;
 }
 
-// Each field starts after the previous one ends, in declaration order.
-std::vector<Field> ExpectInOrder(std::vector<Field> fields) {
-  for (size_t i = 1; i < fields.size(); ++i) {
-    EXPECT_GE(fields[i].offset, fields[i - 1].offset + fields[i - 1].size) << "field " << i;
-  }
-  return fields;
-}
-
-TEST(VelaLayout, ScanMeasurementFieldsFollowTheTableAfterTheVtable) {
+TEST(VelaLayout, RecordFieldsFollowTheTablesAfterTheVtable) {
   VELAFullBeaconScanMeasurement m;
-  // clang-format off
-  const std::vector<Field> fields = ExpectInOrder({
-      F(m, m.bssid), F(m, m.value32_2), F(m, m.unreadField3), F(m, m.value8_8), F(m, m.value8_9),
-      F(m, m.value32_5), F(m, m.value32_6), F(m, m.ssid), F(m, m.value8_7), F(m, m.value8_3),
-      F(m, m.details), F(m, m.value32_7), F(m, m.value8_1), F(m, m.value8_2), F(m, m.value32_3),
-      F(m, m.value16_1), F(m, m.value16_2), F(m, m.value32_10), F(m, m.rawBytes), F(m, m.value16_3),
-      F(m, m.value16_4), F(m, m.value8_4), F(m, m.value8_5), F(m, m.value8_6), F(m, m.elementA),
-      F(m, m.elementB), F(m, m.unreadField26), F(m, m.value32_4), F(m, m.value32_8),
-      F(m, m.value32_1), F(m, m.value32_9), F(m, m.value64), F(m, m.beaconTsf),
-      F(m, m.unreadBeacon), F(m, m.informationElements)});
-  // clang-format on
-  EXPECT_EQ(fields.front().offset, sizeof(void*));    // only the vtable comes first
-  EXPECT_EQ(fields[4].offset, fields[3].offset + 1);  // the two bytes of field 4 are adjacent
-  for (size_t i : {26u, 31u, 32u, 33u}) EXPECT_EQ(fields[i].size, 8u) << "field " << i;
-
-  EXPECT_EQ(fields[32].offset, sizeof(VELAScanMeasurement));  // the beacon's own fields
-  EXPECT_EQ(fields[34].offset, fields[32].offset + 16);       // follow 8 unread bytes
+  const std::vector<size_t> at = InOrder(
+      m, m.bssid, m.value32_2, m.unreadField3, m.value8_8, m.value8_9, m.value32_5, m.value32_6,
+      m.ssid, m.value8_7, m.value8_3, m.details, m.value32_7, m.value8_1, m.value8_2, m.value32_3,
+      m.value16_1, m.value16_2, m.value32_10, m.rawBytes, m.value16_3, m.value16_4, m.value8_4,
+      m.value8_5, m.value8_6, m.elementA, m.elementB, m.unreadField26, m.value32_4, m.value32_8,
+      m.value32_1, m.value32_9, m.value64, m.beaconTsf, m.unreadBeacon, m.informationElements);
+  EXPECT_EQ(at[0], sizeof(void*));  // only the vtable comes first
+  EXPECT_EQ(at[4], at[3] + 1);      // the two bytes of fields 3 and 4 are adjacent
+  for (size_t size :
+       {sizeof m.unreadField26, sizeof m.value64, sizeof m.beaconTsf, sizeof m.unreadBeacon}) {
+    EXPECT_EQ(size, 8u);
+  }
+  EXPECT_EQ(at[32], sizeof(VELAScanMeasurement));  // the beacon's own fields
+  EXPECT_EQ(at[34], at[32] + 16);                  // follow 8 unread bytes
 
   VELARangingScanMeasurement r;
-  EXPECT_EQ(OffsetIn(r, r.unreadRanging), sizeof(VELAScanMeasurement));
+  EXPECT_EQ(At(r, r.unreadRanging), sizeof(VELAScanMeasurement));
   EXPECT_EQ(sizeof(r.unreadRanging), 16u);
-  EXPECT_EQ(OffsetIn(r, r.macList), OffsetIn(r, r.unreadRanging) + 16);
-}
+  EXPECT_EQ(At(r, r.macList), At(r, r.unreadRanging) + 16);
 
-TEST(VelaLayout, ResponseStatusSitsBetweenItsWordAndItsValue) {
+  // A discovery response's status sits between its word and its value.
   VELADiscoveryScanResponse d(1);
-  EXPECT_EQ(OffsetIn(d, d.scanStatus), OffsetIn(d, d.scanSource) + 4);
-  EXPECT_EQ(OffsetIn(d, d.scanTimestamp), (OffsetIn(d, d.scanStatus) + 4 + 7) / 8 * 8);
   EXPECT_EQ(sizeof(d.scanSource) + sizeof(d.scanStatus) + sizeof(d.scanTimestamp), 16u);
+  EXPECT_EQ(At(d, d.scanStatus), At(d, d.scanSource) + 4);
+  EXPECT_EQ(At(d, d.scanTimestamp), (At(d, d.scanStatus) + 4 + 7) / 8 * 8);
+  VELARangingScanResponse rr(1);
+  EXPECT_LT(At(rr, rr.scanStatus), At(rr, rr.measurements));
+  EXPECT_LE(At(rr, rr.scanStatus), sizeof(VELAResponse));
 
-  VELARangingScanResponse r(1);
-  EXPECT_LT(OffsetIn(r, r.scanStatus), OffsetIn(r, r.measurements));
-  EXPECT_LE(OffsetIn(r, r.scanStatus), sizeof(VELAResponse));
-}
-
-TEST(VelaLayout, NodeFieldsFollowTheTargetRecordOrder) {
   VELAPeriodicNodeInfo n;
-  ExpectInOrder({F(n, n.mac), F(n, n.nodeValue1), F(n, n.nodeValue2), F(n, n.nodeValue3),
-                 F(n, n.nodeEnum1), F(n, n.peerMac), F(n, n.nodeEnum2), F(n, n.nodeEnum3),
-                 F(n, n.ftmsPerBurst), F(n, n.nodeEnum4), F(n, n.nodeByte1), F(n, n.nodeByte2),
-                 F(n, n.nodeValue4), F(n, n.maxBursts), F(n, n.periodicByte),
-                 F(n, n.periodicValue1), F(n, n.periodicValue2)});
+  InOrder(n, n.mac, n.nodeValue1, n.nodeValue2, n.nodeValue3, n.nodeEnum1, n.peerMac, n.nodeEnum2,
+          n.nodeEnum3, n.ftmsPerBurst, n.nodeEnum4, n.nodeByte1, n.nodeByte2, n.nodeValue4,
+          n.maxBursts, n.periodicByte, n.periodicValue1, n.periodicValue2);
   EXPECT_EQ(sizeof(n.nodeEnum1), 4u);
   EXPECT_EQ(sizeof(n.periodicByte), 1u);
 }

@@ -2,25 +2,24 @@
 // bad files reported with its line.
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "host/libvela_client/information_elements.h"
+#include "host/libvela_client/distinct_measurements.h"
 #include "host/libvela_client/scenario_parser.h"
-#include "ky_loc_fw/vela_test_control.h"
 
 namespace ky_loc_fw {
 namespace vela_sim {
 namespace {
 
+std::string Text(const std::vector<uint8_t>& bytes) {
+  return std::string(bytes.begin(), bytes.end());
+}
+
 TEST(VelaScenario, ReportsTheFirstErrorWithItsLine) {
   const std::string ap = "ap bssid=00:11:22:33:44:55 channel=6";
-  const struct Case {
-    std::string text;
-    const char* error;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"# fine\n\nlatency x", "line 3: latency takes one number of milliseconds, 0 to 600000"},
       {"bogus 1", "line 1: unknown directive 'bogus'"},
       {"ap bssid=00:11:22:33:44:55 channel=15", "line 1: bad channel '15' (1-14 or 32-177)"},
@@ -34,95 +33,71 @@ TEST(VelaScenario, ReportsTheFirstErrorWithItsLine) {
        "line 3: access point 0a:00:00:00:00:02 already defined on line 1"},
       {"builtin\n" + ap + " vendor=zz",
        "line 2: vendor needs an even number of hex digits, at most 252 bytes"},
+      {std::string(kMaxScenarioBytes + 1, '#'),
+       "line 0: scenario longer than " + std::to_string(kMaxScenarioBytes) + " bytes"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [text, message] : cases) {
     Scenario scenario;
     std::string error;
-    EXPECT_FALSE(ParseScenario(c.text, &scenario, &error)) << c.error;
-    EXPECT_EQ(error, c.error);
-  }
-  Scenario scenario;
-  std::string error;
-  EXPECT_FALSE(ParseScenario(std::string(kMaxScenarioBytes + 1, '#'), &scenario, &error));
-  EXPECT_EQ(error, "line 0: scenario longer than " + std::to_string(kMaxScenarioBytes) + " bytes");
-}
-
-// Copies keep each original's frame but get an address, a name and (on
-// 2.4 GHz) a channel of their own, in the elements too.
-TEST(VelaScenario, RepeatsTheBuiltInFramesIntoALargeNeighbourhood) {
-  Scenario s;
-  std::string error;
-  ASSERT_TRUE(ParseScenario("builtin\nlatency 0\nrepeat 10000\n", &s, &error)) << error;
-  ASSERT_EQ(s.aps.size(), 10000u);
-  EXPECT_EQ(s.latencyMs, 0u);
-  Scenario builtin;
-  ASSERT_TRUE(ParseScenario(DefaultScenarioText(), &builtin, &error)) << error;
-  const size_t n = builtin.aps.size();
-  std::set<Mac48> bssids;
-  for (const ScenarioAp& ap : s.aps) bssids.insert(ap.bssid);
-  EXPECT_EQ(bssids.size(), s.aps.size());
-  for (size_t i : {n, 3 * n + 5, s.aps.size() - 1}) {
-    const ScenarioAp& copy = s.aps[i];
-    const ScenarioAp& original = builtin.aps[i % n];
-    const std::string suffix = "-" + std::to_string(i / n);
-    const std::string name(copy.ssid.begin(), copy.ssid.end());
-    if (!original.hidden) {
-      EXPECT_EQ(name.substr(name.size() - suffix.size()), suffix) << i;
-    }
-    std::vector<ElementRef> elements;
-    ASSERT_TRUE(SplitElements(copy.ies, &elements)) << i;
-    const ElementRef* ssid = FindElement(elements, 0);
-    ASSERT_NE(ssid, nullptr) << i;
-    EXPECT_EQ(
-        std::string(copy.ies.begin() + ssid->offset, copy.ies.begin() + ssid->offset + ssid->len),
-        name)
-        << i;
-    const ElementRef* ds = FindElement(elements, 3);
-    if (ds != nullptr) {
-      EXPECT_EQ(copy.ies[ds->offset], copy.channel) << i;
-    }
-    if (original.band == 1) {
-      EXPECT_EQ(copy.channel, original.channel) << i;
-    }
-    EXPECT_EQ(copy.ies.size() - copy.ssid.size(), original.ies.size() - original.ssid.size()) << i;
+    EXPECT_FALSE(ParseScenario(text, &scenario, &error)) << message;
+    EXPECT_EQ(error, message);
   }
 }
 
 TEST(VelaScenario, ReadsEveryDirective) {
   const char* text =
-      "latency 250  # slow radio\r\n"
       "ap bssid=02:00:00:00:00:01 ssid=home channel=36 rssi=-50 interval=200 capability=0x0011 "
       "security=wpa2 txpower=17 cached probe vendor=0102\n"
-      "ap bssid=02:00:00:00:00:02 channel=1 hidden ies=0004746573740301010a0100\n"
+      "ap bssid=02:00:00:00:00:02 channel=1 hidden ies=0004746573740301013d0101\n"
       "ap bssid=02:00:00:00:00:03 channel=11 ies=0003616263\n"
       "range 02:00:00:00:00:09 distance=1500 spread=30 rssi=-40\n"
       "range 02:00:00:00:00:0a plain\n"
+      "repeat 7  # one copy of each, then a second of the first\r\n"
+      "builtin\n"
+      "latency 250\n"
       "fault create\n"
       "fault null 1,4-6\n"
       "fault status * -3\n";
-  Scenario s;
+  Scenario s, builtin;
   std::string error;
   ASSERT_TRUE(ParseScenario(text, &s, &error)) << error;
+  ASSERT_TRUE(ParseScenario(DefaultScenarioText(), &builtin, &error)) << error;
   EXPECT_EQ(s.latencyMs, 250u);
   EXPECT_TRUE(s.refuseCreate);
-  ASSERT_EQ(s.aps.size(), 3u);
+  ASSERT_EQ(s.aps.size(), 7 + builtin.aps.size());
+  EXPECT_EQ(s.aps[7].bssid, builtin.aps[0].bssid);
   const ScenarioAp& home = s.aps[0];
-  EXPECT_EQ(std::string(home.ssid.begin(), home.ssid.end()), "home");
+  EXPECT_EQ(Text(home.ssid), "home");
   EXPECT_EQ(std::make_tuple(home.bssid, home.frequencyMhz, home.band, home.rssiDbm, home.intervalTu,
                             home.capability, home.security, home.txPowerDbm),
             std::make_tuple(0x020000000001u, 5180u, 1, -50, 200u, 0x11, 3, 17));
   EXPECT_TRUE(home.cached && home.probe && !home.hidden);
   // Generated elements (SSID, rates, DS parameter set on 36), then the vendor element.
-  const uint8_t* oui = vela_test::kVendorOui;
-  EXPECT_EQ(std::vector<uint8_t>(home.ies.end() - 10, home.ies.end()),
-            (std::vector<uint8_t>{3, 1, 36, 221, 5, oui[0], oui[1], oui[2], 1, 2}));
+  EXPECT_EQ(
+      std::vector<uint8_t>(home.ies.end() - 10, home.ies.end()),
+      (std::vector<uint8_t>{3, 1, 36, 221, 5, kVendorOui[0], kVendorOui[1], kVendorOui[2], 1, 2}));
   // A hidden access point sends an empty SSID element and has no name;
   // without ssid= the name comes from the SSID element.
   EXPECT_TRUE(s.aps[1].hidden && s.aps[1].ssid.empty());
-  EXPECT_EQ(s.aps[1].ies, (std::vector<uint8_t>{0, 0, 3, 1, 1, 10, 1, 0}));
-  EXPECT_EQ(std::string(s.aps[2].ssid.begin(), s.aps[2].ssid.end()), "abc");
+  EXPECT_EQ(s.aps[1].ies, (std::vector<uint8_t>{0, 0, 3, 1, 1, 61, 1, 1}));
+  EXPECT_EQ(Text(s.aps[2].ssid), "abc");
+  // Copy k: an address of its own, the name with -k (in its element too),
+  // on 2.4 GHz k channels further on (in the elements too), k dB weaker.
+  const std::tuple<Mac48, std::string, unsigned int, int> copies[] = {
+      {0x0a0000000003, "home-1", 36, -51},
+      {0x0a0000000004, "", 2, -66},
+      {0x0a0000000005, "abc-1", 12, -66},
+      {0x0a0000000006, "home-2", 36, -52},
+  };
+  for (size_t i = 3; i < 7; ++i) {
+    const ScenarioAp& ap = s.aps[i];
+    EXPECT_EQ(std::make_tuple(ap.bssid, Text(ap.ssid), ap.channel, ap.rssiDbm), copies[i - 3]);
+  }
+  EXPECT_EQ(Text(s.aps[3].ies).substr(0, 8), std::string("\0\6home-1", 8));
+  EXPECT_EQ(s.aps[4].ies, (std::vector<uint8_t>{0, 0, 3, 1, 2, 61, 1, 2}));
+  EXPECT_EQ(Text(s.aps[5].ies), std::string("\0\5abc-1", 7));
 
-  ASSERT_EQ(s.ranges.size(), 2u);
+  ASSERT_EQ(s.ranges.size(), 2 + builtin.ranges.size());
   EXPECT_EQ(std::make_tuple(s.ranges[0].distanceMm, s.ranges[0].spreadMm, s.ranges[0].rssiDbm),
             std::make_tuple(1500u, 30u, -40));
   EXPECT_TRUE(s.ranges[1].plain);

@@ -4,14 +4,10 @@
 #include <cstring>
 #include <type_traits>
 
-#include "host/libvela_client/distinct_measurements.h"
-#include "host/libvela_client/scenario_tokens.h"
 #include "ky_loc_fw/vela_test_control.h"
 
 namespace ky_loc_fw {
 namespace vela_test {
-
-const uint8_t kVendorOui[3] = {TESK_VENDOR_OUI_BYTES};
 
 namespace {
 
@@ -38,36 +34,10 @@ void SsidAccess::Set(VELASsid* ssid, const unsigned char* bytes, int length, boo
   std::memcpy(static_cast<void*>(ssid), &state, sizeof state);
 }
 
-VELAResponse* MakeResponseOfType(unsigned int id, int type) {
-  return vela_sim::NewResponseOfType(id, type);
-}
-
-VELAScanMeasurement* MakeMeasurementOfType(int type) {
-  return vela_sim::NewMeasurementOfType(type);
-}
-
-VELAInfoElement* MakeElement(uint8_t id, const std::vector<uint8_t>& data) {
-  return vela_sim::NewElement(id, data);
-}
-
 VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24) {
   VELAMacAddress mac;
   mac.setMac(static_cast<int>(hi24), static_cast<int>(lo24));
   return mac;
-}
-
-bool ParseMac(const std::string& text, VELAMacAddress* mac) {
-  vela_sim::Mac48 value = 0;
-  if (!vela_sim::ParseMac(text, &value)) return false;
-  *mac = MakeMac(static_cast<uint32_t>(value >> 24), static_cast<uint32_t>(value & 0xffffff));
-  return true;
-}
-
-VELASsid MakeSsid(const std::string& bytes) {
-  VELASsid ssid;
-  ssid.setSSID(reinterpret_cast<const unsigned char*>(bytes.data()),
-               static_cast<int>(bytes.size() > 32 ? 32 : bytes.size()));
-  return ssid;
 }
 
 std::string SsidBytes(const VELASsid& ssid) {
@@ -75,10 +45,6 @@ std::string SsidBytes(const VELASsid& ssid) {
   int len = 0;
   if (ssid.getSSID(buf, &len) != 0) return std::string();
   return std::string(reinterpret_cast<const char*>(buf), static_cast<size_t>(len));
-}
-
-void FillDistinct(VELAScanMeasurement* m, uint32_t seed) {
-  vela_sim::FillDistinct(m, seed);
 }
 
 namespace {

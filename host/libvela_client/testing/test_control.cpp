@@ -6,7 +6,6 @@
 
 #include "host/libvela_client/control_seam.h"
 #include "host/libvela_client/delivery_queue.h"
-#include "host/libvela_client/scenario_parser.h"
 #include "ky_loc_fw/vela_test_control.h"
 
 namespace ky_loc_fw {
@@ -16,16 +15,9 @@ namespace {
 
 using vela_sim::DeliveryQueue;
 using vela_sim::SimulatedClient;
-
-struct LiveClient {
-  SimulatedClient* client;
-  std::shared_ptr<DeliveryQueue> queue;
-};
-
-struct HeldAnswer {
-  SimulatedClient* client;
-  std::unique_ptr<VELAResponse> response;
-};
+using Queue = std::shared_ptr<DeliveryQueue>;
+// An answer kept while answers are held, and the queue it is due on.
+using HeldAnswer = std::pair<Queue, std::unique_ptr<VELAResponse>>;
 
 class Control : public vela_sim::ControlObserver {
  public:
@@ -34,21 +26,18 @@ class Control : public vela_sim::ControlObserver {
     return *control;
   }
 
-  void ClientCreated(SimulatedClient* client, std::shared_ptr<DeliveryQueue> queue) override {
+  void ClientCreated(SimulatedClient* client, Queue queue) override {
     std::lock_guard<std::mutex> lock(mutex);
-    clients.push_back(LiveClient{client, std::move(queue)});
+    clients.emplace_back(client, std::move(queue));
   }
 
+  // Its held answers stay until released or dropped; its queue, stopped by
+  // then, deletes them instead of delivering them.
   void ClientDestroyed(SimulatedClient* client) override {
-    std::vector<HeldAnswer> dropped;  // deleted outside the lock
     std::lock_guard<std::mutex> lock(mutex);
     clients.erase(std::remove_if(clients.begin(), clients.end(),
-                                 [&](const LiveClient& c) { return c.client == client; }),
+                                 [&](const auto& c) { return c.first == client; }),
                   clients.end());
-    auto mine = std::stable_partition(held.begin(), held.end(),
-                                      [&](const HeldAnswer& h) { return h.client != client; });
-    std::move(mine, held.end(), std::back_inserter(dropped));
-    held.erase(mine, held.end());
   }
 
   void RequestSent(const SentRequest& request, SendAction* action) override {
@@ -63,22 +52,22 @@ class Control : public vela_sim::ControlObserver {
 
   bool Hold(SimulatedClient* client, std::unique_ptr<VELAResponse>* response) override {
     std::lock_guard<std::mutex> lock(mutex);
-    if (!hold) return false;
-    held.push_back(HeldAnswer{client, std::move(*response)});
-    return true;
+    for (const auto& c : clients) {
+      if (hold && c.first == client) held.emplace_back(c.second, std::move(*response));
+    }
+    return hold;
   }
 
   bool ScenarioText(std::string* text) override {
     std::lock_guard<std::mutex> lock(mutex);
-    if (!scenario_text) return false;
-    *text = *scenario_text;
-    return true;
+    if (scenario_text) *text = *scenario_text;
+    return scenario_text.has_value();
   }
 
   // The current client's queue; null when none is alive.
-  std::shared_ptr<DeliveryQueue> CurrentQueue() {
+  Queue CurrentQueue() {
     std::lock_guard<std::mutex> lock(mutex);
-    return clients.empty() ? nullptr : clients.back().queue;
+    return clients.empty() ? nullptr : clients.back().second;
   }
 
   std::mutex mutex;
@@ -87,7 +76,7 @@ class Control : public vela_sim::ControlObserver {
   SendHook hook;
   bool hold = false;
   std::vector<HeldAnswer> held;
-  std::vector<LiveClient> clients;  // in creation order
+  std::vector<std::pair<SimulatedClient*, Queue>> clients;  // alive, in creation order
   std::optional<std::string> scenario_text;
 };
 
@@ -102,14 +91,6 @@ auto Locked(F f) {
   return f(c);
 }
 
-// Queues `response` on the current client's delivery thread; its sequence
-// number there, 0 when no client is alive.
-uint64_t Schedule(VELAResponse* response, std::shared_ptr<DeliveryQueue>* queue) {
-  std::unique_ptr<VELAResponse> owned(response);
-  *queue = Control::Get().CurrentQueue();
-  return *queue == nullptr ? 0 : (*queue)->Schedule(std::move(owned), DeliveryQueue::Clock::now());
-}
-
 }  // namespace
 
 void Reset() {
@@ -117,8 +98,7 @@ void Reset() {
   SendHook old_hook;
   Locked([&](Control& c) {
     c.recording = false;
-    c.sent.clear();
-    c.sent.shrink_to_fit();
+    std::vector<SentRequest>().swap(c.sent);
     old_hook.swap(c.hook);
     c.hold = false;
     dropped.swap(c.held);
@@ -143,36 +123,21 @@ void HoldAnswers(bool hold) {
 
 size_t ReleaseHeldAnswers() {
   return Locked([](Control& c) {
+    for (HeldAnswer& h : c.held)
+      h.first->Schedule(std::move(h.second), DeliveryQueue::Clock::now());
     const size_t count = c.held.size();
-    for (HeldAnswer& h : c.held) {
-      for (const LiveClient& live : c.clients) {
-        if (live.client == h.client) {
-          live.queue->Schedule(std::move(h.response), DeliveryQueue::Clock::now());
-        }
-      }
-    }
     c.held.clear();
     return count;
   });
 }
 
-size_t DropHeldAnswers() {
-  std::vector<HeldAnswer> dropped;  // deleted outside the lock
-  Locked([&dropped](Control& c) { dropped.swap(c.held); });
-  return dropped.size();
-}
-
-int Deliver(VELAResponse* response) {
-  std::shared_ptr<DeliveryQueue> queue;
-  return Schedule(response, &queue) != 0 ? 0 : -1;
-}
-
 int DeliverAndWait(VELAResponse* response) {
-  std::shared_ptr<DeliveryQueue> queue;
-  const uint64_t seq = Schedule(response, &queue);
-  if (seq == 0) return -1;
-  queue->WaitFinished(seq);
-  return 0;
+  std::unique_ptr<VELAResponse> owned(response);
+  const Queue queue = Control::Get().CurrentQueue();
+  const uint64_t seq =
+      queue == nullptr ? 0 : queue->Schedule(std::move(owned), DeliveryQueue::Clock::now());
+  if (seq != 0) queue->WaitFinished(seq);
+  return seq != 0 ? 0 : -1;
 }
 
 void WaitIdle() {
@@ -185,10 +150,6 @@ void SetScenarioText(const char* text) {
     c.scenario_text.reset();
     if (text != nullptr) c.scenario_text = text;
   });
-}
-
-std::string DefaultScenarioText() {
-  return vela_sim::DefaultScenarioText();
 }
 
 }  // namespace vela_test

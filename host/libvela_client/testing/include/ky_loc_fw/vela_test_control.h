@@ -18,14 +18,12 @@
 #include <vector>
 
 #include "host/libvela_client/control_seam.h"
+#include "host/libvela_client/distinct_measurements.h"
+#include "host/libvela_client/scenario_parser.h"
 #include "ky_loc_fw/vela_client.h"
 
 namespace ky_loc_fw {
 namespace vela_test {
-
-// The platform vendor's OUI, as the built-in neighbourhood uses it in its
-// vendor-specific elements.
-extern const uint8_t kVendorOui[3];
 
 // A copy of every value of one request, taken inside sendRequest.
 using SentRequest = vela_sim::SentRequest;
@@ -59,15 +57,11 @@ void HoldAnswers(bool hold);
 // Queues the held answers for delivery, in the order they were made; returns
 // how many.
 size_t ReleaseHeldAnswers();
-// Deletes the held answers; returns how many.
-size_t DropHeldAnswers();
 
 // Queues response (null: a null response) for delivery on the current
-// client's delivery thread, after what is already due; takes ownership. 0, or
-// -1 when no client is alive (the response is then deleted).
-int Deliver(VELAResponse* response);
-// Like Deliver, then waits until the listener's responseReceived has
-// returned.
+// client's delivery thread, after what is already due, and waits until the
+// listener's responseReceived has returned; takes ownership. 0, or -1 when no
+// client is alive (the response is then deleted).
 int DeliverAndWait(VELAResponse* response);
 // Waits until the current client has nothing queued or scheduled (answers
 // waiting for their latency included; held answers excluded) and no delivery
@@ -78,26 +72,22 @@ void WaitIdle();
 // VELA_SCENARIO and the built-in neighbourhood; null restores those.
 void SetScenarioText(const char* text);
 // The built-in neighbourhood, as scenario text.
-std::string DefaultScenarioText();
+using vela_sim::DefaultScenarioText;
 
 // Builders for responses and measurements with chosen values. All return new
 // objects owned by the caller (or by the response they are put into).
 
 // A response whose type query yields type and that carries nothing else.
-VELAResponse* MakeResponseOfType(unsigned int id, int type);
+inline constexpr auto& MakeResponseOfType = vela_sim::NewResponseOfType;
 // A plain measurement whose type query yields type.
-VELAScanMeasurement* MakeMeasurementOfType(int type);
-VELAInfoElement* MakeElement(uint8_t id, const std::vector<uint8_t>& data);  // at most 255 bytes
+inline constexpr auto& MakeMeasurementOfType = vela_sim::NewMeasurementOfType;
 VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24);
-// "aa:bb:cc:dd:ee:ff"; false when malformed.
-bool ParseMac(const std::string& text, VELAMacAddress* mac);
-VELASsid MakeSsid(const std::string& bytes);  // valid; at most 32 bytes
 // The SSID's bytes; empty when it is not valid.
 std::string SsidBytes(const VELASsid& ssid);
 
 // Puts a distinct value, derived from seed, in every field of m; see
 // host/libvela_client/distinct_measurements.h.
-void FillDistinct(VELAScanMeasurement* m, uint32_t seed);
+using vela_sim::FillDistinct;
 // Responses holding count measurements filled by FillDistinct with seeds
 // seed, seed + 1, ...: full beacons for discovery, ranging measurements for
 // ranging.
