@@ -57,7 +57,7 @@ bool Allows(const std::string& policy, const std::string& source, const std::str
   return perms.empty();
 }
 
-TEST(DeviceFiles, BinarySocketAndPolicyAgree) {
+TEST(DeviceFiles, AgreeWithEachOtherTheCodeAndTheBuild) {
   const std::string bp = Read("Android.bp"), te = Read("sepolicy/tesk.te");
   const std::string macros = Read("sepolicy/te_macros"), labels = Read("sepolicy/file_contexts");
   const std::vector<std::string> rc_files = BlueprintList(bp, "init_rc");
@@ -72,7 +72,6 @@ TEST(DeviceFiles, BinarySocketAndPolicyAgree) {
   const std::string socket_type =
       Find(labels, "/dev/socket/" + socket[0] + "\\s+u:object_r:(\\w+):s0");
   const std::string socket_class = "unix_" + socket[1] + "_socket";
-  const std::string main = Read("service/main.cpp");
   const std::pair<std::string, std::string> same[] = {
       {Find(bp, "\\n\\s*name:\\s*\"([^\"]*)\""), TESK_DAEMON_NAME},  // the CMake daemon's
       {Find(bp, "\\n\\s*vendor:\\s*(\\w+)"), "true"},
@@ -82,7 +81,7 @@ TEST(DeviceFiles, BinarySocketAndPolicyAgree) {
       {exec_type, domain + "_exec"},
       {Find(te, "\\btype\\s+(\\w+)\\s*,\\s*exec_type"), exec_type},
       {Find(te, "\\btype\\s+(\\w+)\\s*,\\s*file_type"), socket_type},
-      {socket[0], Find(main, "android_get_control_socket\\(\"(\\w+)\"\\)")},
+      {socket[0], Find(Read("service/main.cpp"), "android_get_control_socket\\(\"(\\w+)\"\\)")},
       {socket[1], "stream"},  // the only kind the IPC library serves
       {socket[2], "0660"},    // clients must write the socket file to connect; others get nothing
   };
@@ -95,10 +94,8 @@ TEST(DeviceFiles, BinarySocketAndPolicyAgree) {
   EXPECT_NE(macros.find("define(`" + domain + "_client'"), std::string::npos);
   EXPECT_TRUE(Allows(macros, "\\$1", socket_type + ":sock_file", {"write"}));
   EXPECT_TRUE(Allows(macros, "\\$1", domain + ":" + socket_class, {"connectto"}));
-}
 
-TEST(DeviceFiles, BlueprintBuildsWhatCMakeBuilds) {
-  const std::string bp = Read("Android.bp");
+  // Android.bp builds what CMake builds.
   std::vector<std::string> tree;
   std::string code;
   for (const char* folder : {"service", "dispatch", "scan", "deauth"}) {
@@ -113,13 +110,12 @@ TEST(DeviceFiles, BlueprintBuildsWhatCMakeBuilds) {
   std::sort(srcs.begin(), srcs.end());
   EXPECT_EQ(srcs, tree);
   // The include path that platform/boundary_check.cmake compiles the daemon
-  // with: the daemon's root, the wire contract, the platform's interfaces.
+  // with (the daemon's root, the wire contract, the platform's interfaces),
+  // and the platform libraries it links.
   EXPECT_EQ(BlueprintList(bp, "local_include_dirs"),
             (std::vector<std::string>{".", "contract/include", "platform/include"}));
-  const std::vector<std::string> libs = BlueprintList(bp, "shared_libs");
-  for (const char* lib : {"libcutils", "libvela_client"}) {
-    EXPECT_NE(std::find(libs.begin(), libs.end(), lib), libs.end()) << lib;
-  }
+  EXPECT_EQ(BlueprintList(bp, "shared_libs"),
+            (std::vector<std::string>{"libcutils", "libvela_client"}));
   // The dlopened library, by the name that the built daemon opens.
   const std::vector<std::string> required = BlueprintList(bp, "required");
   ASSERT_EQ(required.size(), 1u);

@@ -1,6 +1,5 @@
 // Builders of vela_test_control.h: responses and measurements with chosen
 // values.
-#include <cstdio>
 #include <cstring>
 #include <type_traits>
 
@@ -20,6 +19,17 @@ struct SsidState {
 };
 static_assert(sizeof(SsidState) == sizeof(VELASsid), "VELASsid's fields");
 static_assert(std::is_trivially_copyable<VELASsid>::value, "VELASsid is copied bytewise");
+
+// A response of count measurements filled with seeds seed, seed + 1, ...
+template <typename Measurement, typename Response>
+Response* Fill(Response* response, size_t count, uint32_t seed) {
+  for (size_t i = 0; i < count; ++i) {
+    auto* m = new Measurement();
+    FillDistinct(m, seed + static_cast<uint32_t>(i));
+    if (response->measurements.push_back(m) != 0) delete m;
+  }
+  return response;
+}
 
 }  // namespace
 
@@ -46,20 +56,6 @@ std::string SsidBytes(const VELASsid& ssid) {
   if (ssid.getSSID(buf, &len) != 0) return std::string();
   return std::string(reinterpret_cast<const char*>(buf), static_cast<size_t>(len));
 }
-
-namespace {
-
-template <typename Measurement, typename Response>
-Response* Fill(Response* response, size_t count, uint32_t seed) {
-  for (size_t i = 0; i < count; ++i) {
-    auto* m = new Measurement();
-    FillDistinct(m, seed + static_cast<uint32_t>(i));
-    if (response->measurements.push_back(m) != 0) delete m;
-  }
-  return response;
-}
-
-}  // namespace
 
 VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed) {
   return Fill<VELAFullBeaconScanMeasurement>(new VELADiscoveryScanResponse(id), count, seed);

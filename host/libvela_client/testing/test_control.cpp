@@ -141,15 +141,13 @@ int DeliverAndWait(VELAResponse* response) {
 }
 
 void WaitIdle() {
-  std::shared_ptr<DeliveryQueue> queue = Control::Get().CurrentQueue();
-  if (queue != nullptr) queue->WaitIdle();
+  if (const Queue queue = Control::Get().CurrentQueue()) queue->WaitIdle();
 }
 
 void SetScenarioText(const char* text) {
-  Locked([text](Control& c) {
-    c.scenario_text.reset();
-    if (text != nullptr) c.scenario_text = text;
-  });
+  std::optional<std::string> scenario;
+  if (text != nullptr) scenario = text;
+  Locked([&scenario](Control& c) { c.scenario_text.swap(scenario); });
 }
 
 }  // namespace vela_test
