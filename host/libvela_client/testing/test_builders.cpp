@@ -25,7 +25,7 @@ template <typename Measurement, typename Response>
 Response* Fill(Response* response, size_t count, uint32_t seed) {
   for (size_t i = 0; i < count; ++i) {
     auto* m = new Measurement();
-    FillDistinct(m, seed + static_cast<uint32_t>(i));
+    vela_sim::FillDistinct(m, seed + static_cast<uint32_t>(i));
     if (response->measurements.push_back(m) != 0) delete m;
   }
   return response;

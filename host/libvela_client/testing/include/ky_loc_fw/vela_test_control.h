@@ -85,10 +85,8 @@ VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24);
 // The SSID's bytes; empty when it is not valid.
 std::string SsidBytes(const VELASsid& ssid);
 
-// Puts a distinct value, derived from seed, in every field of m; see
-// host/libvela_client/distinct_measurements.h.
-using vela_sim::FillDistinct;
-// Responses holding count measurements filled by FillDistinct with seeds
+// Responses holding count measurements filled by vela_sim::FillDistinct
+// (host/libvela_client/distinct_measurements.h) with seeds
 // seed, seed + 1, ...: full beacons for discovery, ranging measurements for
 // ranging.
 VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed);
