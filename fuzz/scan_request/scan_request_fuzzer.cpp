@@ -13,14 +13,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool ready = (fuzz_support::UseInstantService(), true);
   (void)ready;
   size_t at = 0;
-  fuzz_support::PeerFrame frame;
-  if (!fuzz_support::PeerFrame::Next(data, size, &at, &frame)) return 0;
   fuzz_support::CountingCallback callback;
-  fuzz_support::CallArgs args(frame, callback.object());
+  fuzz_support::PeerFrame frame;
+  if (!frame.Read(data, size, &at, callback.object())) return 0;
   for (const Object& scan : {CreateVelaDiscoveryScan(), CreateVelaRangingScan()}) {
-    args.Invoke(scan, frame.code);
+    frame.Invoke(scan, frame.code);
     fuzz_support::SettleService();
-    for (unsigned i = 0; i < args.out_objs(); ++i) ObjectRelease(args.Output(i));
+    for (unsigned i = 0; i < frame.out_objs(); ++i) ObjectRelease(frame.Output(i));
   }
   callback.CheckBalanced();
   return 0;

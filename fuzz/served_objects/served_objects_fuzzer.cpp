@@ -39,27 +39,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   HeldMap held{{0, {Object{root_invoke, nullptr}, 1}}};
   size_t at = 0;
   fuzz_support::PeerFrame frame;
-  for (int n = 0; n < 64 && !held.empty() && fuzz_support::PeerFrame::Next(data, size, &at, &frame);
-       ++n) {
+  for (int n = 0; n < 64 && !held.empty() && frame.Read(data, size, &at, callback.object()); ++n) {
     // An unknown handle picks one of those held.
     auto target = held.find(frame.handle);
     if (target == held.end()) target = std::next(held.begin(), frame.handle % held.size());
     if (frame.type == 1) {
-      fuzz_support::CallArgs args(frame, callback.object());
       // Retain and release sent as calls are the peer's own business here
       // too: their effect on the object is mirrored, not prevented.
       const uint32_t op = frame.code & OBJECT_OP_MASK;
       if (op == OBJECT_OP_RELEASE) {
         Drop(held, target, 1);
       } else {
-        args.Invoke(target->second.first, frame.code);
+        frame.Invoke(target->second.first, frame.code);
         target->second.second += op == OBJECT_OP_RETAIN;
       }
       fuzz_support::SettleService();
-      for (unsigned i = 0; i < args.out_objs(); ++i) {
+      for (unsigned i = 0; i < frame.out_objs(); ++i) {
+        if (IsNullObject(frame.Output(i))) continue;
         uint32_t handle = 0;
         while (held.count(handle) != 0) ++handle;
-        if (!IsNullObject(args.Output(i))) held.emplace(handle, std::make_pair(args.Output(i), 1u));
+        held.emplace(handle, std::make_pair(frame.Output(i), 1u));
       }
     } else if (frame.type == 3) {
       Drop(held, target, frame.code);

@@ -1,10 +1,11 @@
 // What the fuzzers of the served objects share: a location service that
 // answers at once, a client callback that counts its references, and a
-// lenient reader of a peer's frames that turns an invoke into the argument
-// array of one call, so that captured sessions seed the corpora.
+// lenient reader of a peer's frames that turns an invoke into the arguments
+// of one call, so that captured sessions seed the corpora.
 #ifndef TESK_FUZZ_SUPPORT_SERVED_CALL_H_
 #define TESK_FUZZ_SUPPORT_SERVED_CALL_H_
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -59,67 +60,56 @@ struct CountingCallback {
 struct PeerFrame {
   uint8_t type;
   uint32_t handle, code, counts;
-  const uint8_t* body;
   size_t body_size;
+  // The call's arguments as a peer makes them, exactly the slots the counts
+  // word declares: input buffers as exact-size heap copies (a read past what
+  // the peer declared is caught), empty output buffers, input objects (a
+  // non-null reference becomes the callback), output objects.
+  std::vector<ObjectArg> args;
+  std::vector<std::vector<uint8_t>> copies;
 
-  // The frame at *at, which then moves past it; false when no header is left.
-  static bool Next(const uint8_t* data, size_t size, size_t* at, PeerFrame* frame) {
+  // Reads the frame at *at, which then moves past it; false when no header
+  // is left.
+  bool Read(const uint8_t* data, size_t size, size_t* at, Object callback) {
     if (size - *at < 24) return false;
     uint32_t words[6];
     memcpy(words, data + *at, sizeof words);
-    *at += sizeof words;
-    *frame = {static_cast<uint8_t>(words[1]),
-              words[3],
-              words[4],
-              words[5],
-              data + *at,
-              words[0] < size - *at ? words[0] : size - *at};
-    *at += frame->body_size;
+    type = static_cast<uint8_t>(words[1]);
+    handle = words[3];
+    code = words[4];
+    counts = words[5];
+    const uint8_t* body = data + *at + sizeof words;
+    body_size = std::min<size_t>(words[0], size - *at - sizeof words);
+    *at += sizeof words + body_size;
+    const unsigned in_bufs = OBJECT_COUNTS_IN_BUFS(counts), in_objs = OBJECT_COUNTS_IN_OBJS(counts);
+    args.assign(OBJECT_COUNTS_TOTAL(counts), ObjectArg{});
+    copies.assign(in_bufs, {});
+    size_t from = (in_bufs + size_t{in_objs}) * 8;
+    for (unsigned i = 0; i < in_bufs; ++i) {
+      uint64_t declared = 0;
+      if ((i + 1) * 8 <= body_size) memcpy(&declared, body + i * 8, sizeof declared);
+      const size_t n = std::min<uint64_t>(declared, from < body_size ? body_size - from : 0);
+      copies[i].assign(body + std::min(from, body_size), body + std::min(from, body_size) + n);
+      args[i].b = ObjectBuf{n == 0 ? nullptr : copies[i].data(), n};
+      from += n;
+    }
+    for (unsigned i = 0; i < in_objs; ++i) {
+      const size_t ref = (in_bufs + size_t{i}) * 8;
+      const bool null =
+          ref + 4 > body_size || (body[ref] | body[ref + 1] | body[ref + 2] | body[ref + 3]) == 0;
+      args[in_bufs + OBJECT_COUNTS_OUT_BUFS(counts) + i].o = null ? kNullObject : callback;
+    }
     return true;
   }
-};
 
-// An invoke's arguments as a peer makes them: input buffers as exact-size
-// heap copies (a read past what the peer declared is caught), empty output
-// buffers, input objects (a non-null reference becomes callback), then
-// output objects preset to null; exactly the slots the counts word declares.
-class CallArgs {
- public:
-  CallArgs(const PeerFrame& f, Object callback)
-      : counts_(f.counts), args_(OBJECT_COUNTS_TOTAL(f.counts)), copies_(in_bufs()) {
-    size_t at = (in_bufs() + size_t{in_objs()}) * 8;
-    for (unsigned i = 0; i < in_bufs(); ++i) {
-      uint64_t declared = 0;
-      if ((i + 1) * 8 <= f.body_size) memcpy(&declared, f.body + i * 8, sizeof declared);
-      const size_t left = at < f.body_size ? f.body_size - at : 0;
-      const size_t n = declared < left ? static_cast<size_t>(declared) : left;
-      const uint8_t* from = f.body + (at < f.body_size ? at : 0);
-      copies_[i].assign(from, from + n);
-      args_[i].b = ObjectBuf{n == 0 ? nullptr : copies_[i].data(), n};
-      at += n;
-    }
-    for (unsigned i = 0; i < in_objs(); ++i) {
-      const size_t ref = (in_bufs() + size_t{i}) * 8;
-      const bool null = ref + 4 > f.body_size ||
-                        (f.body[ref] | f.body[ref + 1] | f.body[ref + 2] | f.body[ref + 3]) == 0;
-      args_[in_bufs() + OBJECT_COUNTS_OUT_BUFS(counts_) + i].o = null ? kNullObject : callback;
-    }
-  }
+  unsigned out_objs() const { return OBJECT_COUNTS_OUT_OBJS(counts); }
+  Object Output(unsigned i) const { return args[args.size() - out_objs() + i].o; }
 
-  unsigned in_bufs() const { return OBJECT_COUNTS_IN_BUFS(counts_); }
-  unsigned in_objs() const { return OBJECT_COUNTS_IN_OBJS(counts_); }
-  unsigned out_objs() const { return OBJECT_COUNTS_OUT_OBJS(counts_); }
-  Object Output(unsigned i) const { return args_[args_.size() - out_objs() + i].o; }
-
+  // Calls target with the frame's arguments, the output objects preset to null.
   int32_t Invoke(const Object& target, uint32_t op) {
-    for (unsigned i = 0; i < out_objs(); ++i) args_[args_.size() - out_objs() + i].o = kNullObject;
-    return target.invoke(target.context, op, args_.empty() ? nullptr : args_.data(), counts_);
+    for (unsigned i = 0; i < out_objs(); ++i) args[args.size() - out_objs() + i].o = kNullObject;
+    return target.invoke(target.context, op, args.empty() ? nullptr : args.data(), counts);
   }
-
- private:
-  uint32_t counts_;
-  std::vector<ObjectArg> args_;
-  std::vector<std::vector<uint8_t>> copies_;
 };
 
 }  // namespace fuzz_support

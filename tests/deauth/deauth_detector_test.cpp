@@ -113,11 +113,6 @@ TEST(DisconnectEventTest, ReadsDisconnectsAndIgnoresTheRest) {
     EventDatagram kind;
     Event event;  // when kind is kDisconnect
   } cases[] = {
-      {"by the AP, with a reason",
-       DisconnectEvent(1, 4, 7, true).Bytes(),
-       kDisconnect,
-       {1, 4, 7, 1}},
-      {"local, reason omitted", DisconnectEvent(0, 3, 0, false).Bytes(), kDisconnect, {0, 3, 0, 0}},
       {"repeats overwrite, short ones do not", repeated.Bytes(), kDisconnect, {2, 5, 0, 0}},
       {"a zero length ends the walk", zero_length.Bytes(), kDisconnect, {1, 5, 9, 0}},
       {"read past nlmsg_len", DisconnectEvent(7, 8, 1, true).Bytes(20), kDisconnect, {7, 8, 1, 1}},

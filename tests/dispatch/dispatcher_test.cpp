@@ -105,9 +105,9 @@ TEST(DispatcherDeathTest, ExitsWhenTheClientCannotBeCreated) {
 }
 
 // Steps after the send: a = the service answers, d = a second answer to the id,
-// n = a null response, r = the handle is released, + = retained (high op bits
-// do not count), m = a method of it is called (it has none). b first: the
-// answer comes before SendRequest returns.
+// n = a null response, r = the handle is released, + = retained, m = a method
+// of it is called (it has none). b first: the answer comes before SendRequest
+// returns.
 TEST_F(DispatcherTest, LogsAndDeliversAtMostOnceWhateverTheOrder) {
   const struct {
     const char* steps;
@@ -139,7 +139,7 @@ TEST_F(DispatcherTest, LogsAndDeliversAtMostOnceWhateverTheOrder) {
       if (*step == 'a') vela_test::ReleaseHeldAnswers();
       if (*step == 'd') Answer(id);
       if (*step == 'n') vela_test::DeliverAndWait(nullptr);
-      const uint32_t op = *step == 'r' ? OBJECT_OP_RELEASE : *step == '+' ? 0x1FFFEu : 0x10000u;
+      const uint32_t op = *step == 'r' ? OBJECT_OP_RELEASE : *step == '+' ? OBJECT_OP_RETAIN : 0u;
       const int32_t result = std::strchr("r+m", *step) != nullptr ? Call(handle, op) : OBJECT_OK;
       EXPECT_EQ(result, *step == 'm' ? OBJECT_ERROR_INVALID : OBJECT_OK);
       vela_test::WaitIdle();
