@@ -1,6 +1,5 @@
 // The discovery and ranging scan objects driven directly, with the host location service
 // showing each request as sent and answering only what a test delivers.
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
