@@ -49,13 +49,10 @@ void ResponseReceived(VELAResponse* response, Object callback) {
                        static_cast<size_t>(discovery->measurements.getCount()));
 
   CommonResponseData data;
-  MarshalledSize size;
-  ForEachMeasurement(discovery->measurements, [&size](const VELAScanMeasurement* m, int type) {
-    if (type == kFullBeaconType) {
-      AddFullBeaconSize(size, static_cast<const VELAFullBeaconScanMeasurement*>(m));
-    }
-  });
-  Reserve(data, size);
+  // At most one record per measurement: their block is made once. The pools
+  // grow as they go; sizing them first would read every element of the
+  // response twice, which costs more than their few doublings.
+  data.measurements.reserve(discovery->measurements.getCount());
   ForEachMeasurement(discovery->measurements, [&data](const VELAScanMeasurement* m, int type) {
     if (type == kFullBeaconType) {
       MarshalFullBeacon(data, static_cast<const VELAFullBeaconScanMeasurement*>(m));

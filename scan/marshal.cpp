@@ -74,11 +74,6 @@ bool IsExtendedVendorElement(const VELAInfoElement& element) {
          std::memcmp(element.data, kVendorOui, sizeof kVendorOui) == 0;
 }
 
-// What AppendElement appends for `element` in the beacon's element list.
-uint32_t BeaconElementSize(const VELAInfoElement& element) {
-  return element.len + 2u + (IsExtendedVendorElement(element) ? 1u : 0u);
-}
-
 // The record MarshalCommon appended at `start`. After a failed append this
 // is record 0, kept on purpose; with no record at all there is nothing to
 // fix up and the result is null.
@@ -193,40 +188,4 @@ void MarshalRanging(RangingData& out, const ky_loc_fw::VELARangingScanMeasuremen
     rec->firstMacIndex = first;
     rec->macCount = n;  // the count read, not the number stored
   }
-}
-
-void AddCommonSize(MarshalledSize& size, const VELAScanMeasurement* m) {
-  if (m == nullptr) return;
-  size.measurements += 1;
-  size.infos += static_cast<uint16_t>(m->details.getCount());  // cut as MarshalCommon cuts it
-  size.bytes += m->rawBytes.getCount();
-  if (m->elementA != nullptr) size.bytes += m->elementA->len + 2u;
-  if (m->elementB != nullptr) size.bytes += m->elementB->len + 2u;
-}
-
-void AddFullBeaconSize(MarshalledSize& size, const ky_loc_fw::VELAFullBeaconScanMeasurement* m) {
-  if (m == nullptr) return;
-  AddCommonSize(size, m);
-  const uint32_t n = m->informationElements.getCount();
-  for (uint32_t k = 0; k < n; ++k) {
-    const VELAInfoElement* element = m->informationElements[k];
-    if (element != nullptr) size.bytes += BeaconElementSize(*element);
-  }
-}
-
-void AddRangingSize(MarshalledSize& size, const ky_loc_fw::VELARangingScanMeasurement* m) {
-  if (m == nullptr) return;
-  AddCommonSize(size, m);
-  size.macs += m->macList.getCount();
-}
-
-void Reserve(CommonResponseData& out, const MarshalledSize& size) {
-  out.measurements.reserve(out.measurements.getCount() + size.measurements);
-  out.infos.reserve(out.infos.getCount() + size.infos);
-  out.bytes.reserve(out.bytes.getCount() + size.bytes);
-}
-
-void Reserve(RangingData& out, const MarshalledSize& size) {
-  Reserve(static_cast<CommonResponseData&>(out), size);
-  out.macs.reserve(out.macs.getCount() + size.macs);
 }

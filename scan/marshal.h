@@ -3,8 +3,6 @@
 #ifndef TESK_SCAN_MARSHAL_H_
 #define TESK_SCAN_MARSHAL_H_
 
-#include <cstdint>
-
 #include "scan/response_data.h"
 
 namespace ky_loc_fw {
@@ -22,26 +20,5 @@ void MarshalFullBeacon(CommonResponseData& out, const ky_loc_fw::VELAFullBeaconS
 
 // MarshalCommon, then the measurement's MAC list into the address pool.
 void MarshalRanging(RangingData& out, const ky_loc_fw::VELARangingScanMeasurement* m);
-
-// What marshalling some measurements appends to each array, counted before
-// the first of them is marshalled so that each array is given its block once
-// (Reserve) instead of growing into a fresh one again and again.
-struct MarshalledSize {
-  uint64_t measurements = 0;
-  uint64_t infos = 0;
-  uint64_t bytes = 0;
-  uint64_t macs = 0;
-};
-
-// Adds what MarshalCommon, MarshalFullBeacon and MarshalRanging would append
-// for `m`; a null measurement adds nothing.
-void AddCommonSize(MarshalledSize& size, const ky_loc_fw::VELAScanMeasurement* m);
-void AddFullBeaconSize(MarshalledSize& size, const ky_loc_fw::VELAFullBeaconScanMeasurement* m);
-void AddRangingSize(MarshalledSize& size, const ky_loc_fw::VELARangingScanMeasurement* m);
-
-// Room in each array for what it holds plus `size`. An array whose block
-// cannot be had simply grows as it goes, with the array's own failures.
-void Reserve(CommonResponseData& out, const MarshalledSize& size);
-void Reserve(RangingData& out, const MarshalledSize& size);
 
 #endif  // TESK_SCAN_MARSHAL_H_

@@ -47,15 +47,7 @@ void ResponseReceived(VELAResponse* response, Object callback) {
                        static_cast<int>(ranging->measurements.getCount()));
 
   RangingData data;
-  MarshalledSize size;
-  ForEachMeasurement(ranging->measurements, [&size](const VELAScanMeasurement* m, int type) {
-    if (type == VELAScanMeasurement::MEASUREMENT_TYPE_SCAN) {
-      AddCommonSize(size, m);
-    } else if (type == VELAScanMeasurement::MEASUREMENT_TYPE_RANGING) {
-      AddRangingSize(size, static_cast<const VELARangingScanMeasurement*>(m));
-    }
-  });
-  Reserve(data, size);
+  data.measurements.reserve(ranging->measurements.getCount());  // at most one record each
   // Full beacons are unexpected here too: they belong to discovery results.
   ForEachMeasurement(ranging->measurements, [&data](const VELAScanMeasurement* m, int type) {
     if (type == VELAScanMeasurement::MEASUREMENT_TYPE_SCAN) {

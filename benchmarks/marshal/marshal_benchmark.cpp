@@ -85,11 +85,7 @@ class Copier {
 // beacon, hand the arrays over, free them.
 void Marshal(const Response& response) {
   CommonResponseData out;
-  MarshalledSize size;
-  for (uint32_t i = 0; i < response.measurements.getCount(); ++i) {
-    AddFullBeaconSize(size, Beacon(response, i));
-  }
-  Reserve(out, size);
+  out.measurements.reserve(response.measurements.getCount());
   for (uint32_t i = 0; i < response.measurements.getCount(); ++i) {
     MarshalFullBeacon(out, Beacon(response, i));
   }

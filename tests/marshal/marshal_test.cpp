@@ -1,10 +1,11 @@
 // Byte-exact records from library measurements with chosen values: every
-// field at its wire offset, the pools and how records refer to them, and the
-// vendor-element extension.
+// field and SSID state at its wire offset, the pools and how records refer to
+// them, and the vendor-element extension.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,10 +17,8 @@
 
 namespace {
 
-using ky_loc_fw::VELAFullBeaconScanMeasurement;
 using ky_loc_fw::VELAInfoElement;
 using ky_loc_fw::VELAMeasurementDetail;
-using ky_loc_fw::VELARangingScanMeasurement;
 using ky_loc_fw::VELAScanMeasurement;
 using Bytes = std::vector<uint8_t>;
 
@@ -36,19 +35,12 @@ Bytes Raw(const ky_loc_fw::vector<T>& array) {
   return Bytes(p, p + sizeof(T) * array.getCount());
 }
 
-Bytes Concat(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
 VELAInfoElement* Element(uint8_t id, const Bytes& data) {
   return new VELAInfoElement(id, data.data(), static_cast<uint8_t>(data.size()));
 }
 
 Bytes VendorData(const uint8_t* oui, std::size_t length) {
-  Bytes data(length);
-  for (std::size_t i = 0; i < length; ++i) data[i] = static_cast<uint8_t>(0x40 + i);
+  Bytes data(length, 0x40);
   std::memcpy(data.data(), oui, 3);
   return data;
 }
@@ -56,20 +48,22 @@ Bytes VendorData(const uint8_t* oui, std::size_t length) {
 // One library field set on a measurement with one detail, all else zero: the
 // record (or the detail's record) is all zero but for that field at its wire
 // offset, cut to its wire width.
-struct FieldCase {
-  const char* name;
-  bool in_detail;
-  std::size_t offset;
-  int width;
-  uint64_t value;
-  void (*set)(VELAScanMeasurement*, uint64_t);
-};
+using FieldCase = std::tuple<const char*, bool, std::size_t, int, uint64_t,
+                             void (*)(VELAScanMeasurement*, uint64_t)>;
+
+// The SSID as stored, whatever the library's own checks would allow.
+void SetSsid(VELAScanMeasurement* m, std::string bytes, int length, bool valid) {
+  bytes.resize(32);
+  ky_loc_fw::vela_test::SsidAccess::Set(
+      &m->ssid, reinterpret_cast<const unsigned char*>(bytes.data()), length, valid);
+}
 
 // clang-format off
 #define SET(lhs, v) lhs = static_cast<decltype(lhs)>(v)
 #define M(f, o, w, v) {#f, false, o, w, v, [](VELAScanMeasurement* m, uint64_t x) { SET(m->f, x); }}
 #define D(f, o, w, v) \
   {#f, true, o, w, v, [](VELAScanMeasurement* m, uint64_t x) { SET(m->details[0]->f, x); }}
+#define S(n, o, w, v, ...) {n, false, o, w, v, [](VELAScanMeasurement* m, uint64_t) { SetSsid(m, __VA_ARGS__); }}
 // clang-format on
 
 TEST(MarshalTest, EachLibraryFieldLandsAtItsOffsetAndNowhereElse) {
@@ -89,6 +83,10 @@ TEST(MarshalTest, EachLibraryFieldLandsAtItsOffsetAndNowhereElse) {
       M(value8_4, 153, 1, 0x5A), M(value8_5, 154, 1, 0x5A), M(value8_6, 155, 1, 0x5A),
       M(value8_7, 156, 1, 0x5A), M(value8_8, 157, 1, 0x5A), M(value8_9, 158, 1, 0x5A),
       M(unreadField3, 0, 0, 0xFFFFFFFF), M(unreadField26, 0, 0, ~0ull),  // not read
+      // SSIDs: ssidValid, ssidPresent, ssidLength, bytes copied only when getSSID succeeds
+      S("invalid SSID", 0, 0, 0, "abc", 3, false), S("hidden SSID", 114, 2, 0x0101, "", 0, true),
+      S("SSID", 114, 8, 0x656D6F6800040101, "home", 4, true),
+      S("unreadable SSID", 114, 1, 1, "home", 33, true),
       D(infoValue32_1, 0, 4, k32), D(infoValue32_2, 4, 4, k32), D(infoValue32_3, 8, 4, k32),
       D(infoValue32_4, 12, 4, 0xBEEF), D(infoValue16_1, 32, 2, 0xBEEF),
       D(infoValue16_2, 34, 2, 0x12345678),  // a 32-bit library field: its low 16 bits
@@ -101,49 +99,18 @@ TEST(MarshalTest, EachLibraryFieldLandsAtItsOffsetAndNowhereElse) {
          std::memcpy(m->details[0]->infoBlock + 8, &v, sizeof v); }},
   };
   // clang-format on
-  for (const FieldCase& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, in_detail, offset, width, value, set] : cases) {
+    SCOPED_TRACE(name);
     VELAScanMeasurement m;
     m.details.push_back(new VELAMeasurementDetail());
-    c.set(&m, c.value);
+    set(&m, value);
     CommonResponseData out;
     MarshalCommon(out, &m);
     Bytes record(160), detail(64);
     Put(record, 62, 2, 1);  // infoCount
-    Put(c.in_detail ? detail : record, c.offset, c.width, c.value);
+    Put(in_detail ? detail : record, offset, width, value);
     EXPECT_EQ(Raw(out.measurements), record);
     EXPECT_EQ(Raw(out.infos), detail);
-  }
-}
-
-TEST(MarshalTest, SsidStates) {
-  struct SsidCase {
-    const char* name;
-    std::string bytes;
-    int length;  // as stored, bypassing the library's checks
-    uint8_t valid, ssidValid, ssidPresent;
-    uint16_t ssidLength;
-  };
-  const std::string full(32, 'x');
-  const SsidCase cases[] = {
-      {"invalid", "", 0, false, 0, 0, 0},       {"invalid with bytes", "abc", 3, false, 0, 0, 0},
-      {"hidden network", "", 0, true, 1, 1, 0}, {"plain", "home", 4, true, 1, 1, 4},
-      {"32 bytes", full, 32, true, 1, 1, 32},   {"getSSID fails", full, 33, true, 1, 0, 0},
-  };
-  for (const SsidCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    VELAScanMeasurement m;
-    ky_loc_fw::vela_test::SsidAccess::Set(
-        &m.ssid, reinterpret_cast<const unsigned char*>(c.bytes.data()), c.length, c.valid);
-    CommonResponseData out;
-    MarshalCommon(out, &m);
-    const WifiScanMeasurement& rec = out.measurements[0];
-    EXPECT_EQ(rec.ssidValid, c.ssidValid);
-    EXPECT_EQ(rec.ssidPresent, c.ssidPresent);
-    EXPECT_EQ(rec.ssidLength, c.ssidLength);
-    Bytes ssid(32, 0);
-    if (c.ssidPresent) std::memcpy(ssid.data(), c.bytes.data(), c.ssidLength);
-    EXPECT_EQ(Bytes(rec.ssid, rec.ssid + 32), ssid);
   }
 }
 
@@ -158,99 +125,48 @@ TEST(MarshalTest, DetailCountIsCutToSixteenBits) {
   EXPECT_EQ(out.infos[4463].infoValue32_1, 4463u);
 }
 
-TEST(MarshalTest, VendorElementExtension) {
+// The byte pool after what it held: raw bytes, element B (an absent A is offset 0,
+// length 0), then the beacon's elements in order, null entries skipped and own vendor
+// elements of 25 to 254 bytes extended by the beacon byte. The next measurement's
+// indexes into every pool continue where the beacon's left off.
+TEST(MarshalTest, PoolsAndVendorExtension) {
   const uint8_t other_oui[3] = {0x00, 0x50, 0xF2};
-  struct IeCase {
-    const char* name;
-    uint8_t id;
-    const uint8_t* oui;
-    std::size_t length;
-    bool extended;
-  };
-  const IeCase cases[] = {
-      {"own, 25", 221, kVendorOui, 25, true},   {"own, 254", 221, kVendorOui, 254, true},
-      {"own, 24", 221, kVendorOui, 24, false},  {"own, 255", 221, kVendorOui, 255, false},
-      {"other OUI", 221, other_oui, 30, false}, {"not vendor", 220, kVendorOui, 30, false},
-  };
-  for (const IeCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    VELAFullBeaconScanMeasurement m;
-    m.beaconTsf = 0x1122334455667788;
-    const Bytes data = VendorData(c.oui, c.length);
-    m.informationElements.push_back(Element(c.id, data));
-    CommonResponseData out;
-    MarshalFullBeacon(out, &m);
-    Bytes expected = Concat({{c.id, static_cast<uint8_t>(c.length + c.extended)}, data});
-    if (c.extended) expected.push_back(0x88);
-    EXPECT_EQ(Raw(out.bytes), expected);
-    EXPECT_EQ(out.measurements[0].beaconIesOffset, 0u);
-    EXPECT_EQ(out.measurements[0].beaconIesLength, expected.size());
+  const std::tuple<uint8_t, const uint8_t*, std::size_t, bool> elements[] = {
+      {221, kVendorOui, 25, true},   {221, kVendorOui, 254, true}, {221, kVendorOui, 24, false},
+      {221, kVendorOui, 255, false}, {221, other_oui, 30, false},  {220, kVendorOui, 30, false}};
+  ky_loc_fw::VELAFullBeaconScanMeasurement beacon;
+  beacon.beaconTsf = 0x1122334455667788;
+  for (signed char c : {-1, 2}) beacon.rawBytes.push_back(c);
+  for (int i = 0; i < 2; ++i) beacon.details.push_back(new VELAMeasurementDetail());
+  beacon.elementB = Element(45, {0xAA});
+  beacon.informationElements.push_back(nullptr);
+  Bytes expected{0x77, 0xFF, 2, 45, 1, 0xAA};
+  for (const auto& [id, oui, length, extended] : elements) {
+    const Bytes data = VendorData(oui, length);
+    beacon.informationElements.push_back(Element(id, data));
+    expected.insert(expected.end(), {id, static_cast<uint8_t>(length + extended)});
+    expected.insert(expected.end(), data.begin(), data.end());
+    if (extended) expected.push_back(0x88);
   }
-}
-
-// Bytes, element B (an absent element A is offset 0, length 0) and the
-// beacon's elements go to the byte pool after what it already holds, in
-// order, null entries skipped.
-TEST(MarshalTest, OneBeaconInTheBytePool) {
-  VELAFullBeaconScanMeasurement m;
-  m.beaconTsf = 0xAB;
-  for (signed char c : {-1, 2}) m.rawBytes.push_back(c);
-  m.elementB = Element(45, {0xAA});
-  for (VELAInfoElement* e : {Element(0, {'a', 'p'}), static_cast<VELAInfoElement*>(nullptr),
-                             Element(221, VendorData(kVendorOui, 25)),
-                             static_cast<VELAInfoElement*>(nullptr), Element(3, {})}) {
-    m.informationElements.push_back(e);
-  }
-  CommonResponseData out;
-  out.bytes.push_back(0x77);
-  MarshalFullBeacon(out, &m);
-  const WifiScanMeasurement& rec = out.measurements[0];
-  EXPECT_EQ(rec.bytesOffset, 1u);
-  EXPECT_EQ(rec.bytesLength, 2u);
-  EXPECT_EQ(rec.elementAOffset, 0u);
-  EXPECT_EQ(rec.elementALength, 0u);
-  EXPECT_EQ(rec.elementBOffset, 3u);
-  EXPECT_EQ(rec.elementBLength, 3u);
-  EXPECT_EQ(rec.beaconIesOffset, 6u);
-  EXPECT_EQ(rec.beaconIesLength, 4u + 28u + 2u);
-  EXPECT_EQ(Raw(out.bytes), Concat({{0x77, 0xFF, 2, 45, 1, 0xAA, 0, 2, 'a', 'p', 221, 26},
-                                    VendorData(kVendorOui, 25),
-                                    {0xAB, 3, 0}}));
-}
-
-// Records are consecutive, every index into a pool continues where the
-// previous measurement left off, and MAC lists go to the address pool in order.
-TEST(MarshalTest, PoolsContinueAcrossMeasurements) {
-  VELAFullBeaconScanMeasurement beacon;
-  VELARangingScanMeasurement ranging1, ranging2;
-  auto fill = [](VELAScanMeasurement* m, int n) {
-    for (int i = 0; i < n; ++i) m->details.push_back(new VELAMeasurementDetail());
-    for (int i = 0; i < n; ++i) m->rawBytes.push_back(1);
-  };
-  fill(&beacon, 2);
-  fill(&ranging1, 1);
-  beacon.informationElements.push_back(Element(0, {'x'}));
-  ranging1.macList.push_back(ky_loc_fw::vela_test::MakeMac(0x001122, 0x334455));
-  ranging1.macList.push_back(ky_loc_fw::vela_test::MakeMac(0x66, 0x77));
-  ranging2.macList.push_back(ky_loc_fw::vela_test::MakeMac(0xABCDEF, 0x012345));
+  ky_loc_fw::VELARangingScanMeasurement ranging;
+  ranging.rawBytes.push_back(3);
+  ranging.macList.push_back(ky_loc_fw::vela_test::MakeMac(0x001122, 0x334455));
   RangingData out;
+  out.bytes.push_back(0x77);
+  out.macs.push_back({});
   MarshalFullBeacon(out, &beacon);
-  MarshalRanging(out, &ranging1);
-  MarshalRanging(out, &ranging2);
-  ASSERT_EQ(out.measurements.getCount(), 3u);
+  MarshalRanging(out, &ranging);
+
   const WifiScanMeasurement* rec = out.measurements.getData();
-  EXPECT_EQ(rec[0].macCount, 0u);
-  EXPECT_EQ(rec[0].beaconIesOffset, 2u);
-  EXPECT_EQ(rec[1].firstInfoIndex, 2);
-  EXPECT_EQ(rec[1].bytesOffset, 2u + 3u);
-  EXPECT_EQ(rec[1].firstMacIndex, 0u);
-  EXPECT_EQ(rec[1].macCount, 2u);
-  EXPECT_EQ(rec[2].firstInfoIndex, 3);
-  EXPECT_EQ(rec[2].bytesOffset, 6u);
-  EXPECT_EQ(rec[2].firstMacIndex, 2u);
-  EXPECT_EQ(rec[2].macCount, 1u);
-  EXPECT_EQ(Raw(out.macs), (Bytes{0x55, 0x44, 0x33, 0, 0x22, 0x11, 0,    0, 0x77, 0,    0,    0,
-                                  0x66, 0,    0,    0, 0x45, 0x23, 0x01, 0, 0xEF, 0xCD, 0xAB, 0}));
+  EXPECT_EQ(std::make_tuple(rec[0].bytesOffset, rec[0].bytesLength, rec[0].elementAOffset,
+                            rec[0].elementALength, rec[0].elementBOffset, rec[0].elementBLength,
+                            rec[0].beaconIesOffset, rec[0].beaconIesLength, rec[0].macCount),
+            std::make_tuple(1u, 2u, 0u, 0u, 3u, 3u, 6u, expected.size() - 6, 0u));
+  expected.push_back(3);
+  EXPECT_EQ(Raw(out.bytes), expected);
+  EXPECT_EQ(std::make_tuple(rec[1].firstInfoIndex, rec[1].bytesOffset, rec[1].firstMacIndex,
+                            rec[1].macCount, out.macs[1].lo24, out.macs[1].hi24),
+            std::make_tuple(2, expected.size() - 1, 1u, 1u, 0x334455u, 0x001122u));
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
-// The growable array: growth, deep copy, checked access and, through a replacement of
-// the non-throwing array new in this binary, every allocation failure with its log line.
+// The growable array: growth, bulk growth, deep copy, checked access and, through a
+// replacement of the non-throwing array new in this binary, every allocation failure.
 #include <cstddef>
 #include <cstdint>
 #include <new>
 #include <numeric>
-#include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -12,8 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ky_loc_fw/log_capture.h"
 #include "scan/vector.h"
+#include "tests/support/log_lines.h"
 
 static bool fail_next = false;  // the next non-throwing array new returns null
 static int allocations = 0;
@@ -32,17 +31,7 @@ namespace {
 
 using ky_loc_fw::vector;
 using ::testing::ElementsAre;
-
-class VectorTest : public ::testing::Test {
- protected:
-  void SetUp() override { ky_loc_fw::log_set_sink(Sink, &lines_, true); }
-  void TearDown() override { ky_loc_fw::log_set_sink(nullptr, nullptr, false); }
-  static void Sink(void* lines, char letter, const char* tag, const char* text) {
-    static_cast<std::vector<std::string>*>(lines)->push_back(letter + std::string(" ") + tag + " " +
-                                                             text);
-  }
-  std::vector<std::string> lines_;
-};
+using ::testing::IsEmpty;
 
 std::vector<int> Contents(const vector<int>& v) {
   return std::vector<int>(v.getData(), v.getData() + v.getCount());
@@ -54,126 +43,95 @@ std::vector<int> Iota(int n) {
   return out;
 }
 
-void Fill(vector<int>& v, int n) {
-  for (int i = 0; i < n; ++i) ASSERT_EQ(v.push_back(i), 0);
+void Fill(vector<int>& v, int from, int to) {
+  for (int i = from; i < to; ++i) ASSERT_EQ(v.push_back(i), 0);
 }
 
-TEST_F(VectorTest, GrowsFromSixtyFourByDoubling) {
-  const std::tuple<int, uint32_t, int> cases[] = {
-      {1, 64, 1}, {64, 64, 1}, {65, 128, 2}, {128, 128, 2}};
-  for (const auto& [pushes, capacity, blocks] : cases) {
-    SCOPED_TRACE(pushes);
-    allocations = 0;
+// Pushes, a bulk append or a reservation (of room in all) land on 64 x 2^k slots, the
+// bulk ones in one new block at most.
+TEST(VectorTest, GrowsFromSixtyFourByDoubling) {
+  const std::vector<int> values = Iota(300);
+  const std::tuple<char, int, int, uint32_t, int> cases[] = {
+      // push, append or reserve; held; added or room asked for; capacity; blocks made
+      {'p', 0, 1, 64, 1},   {'p', 0, 64, 64, 1},   {'p', 0, 65, 128, 2},    {'a', 0, 0, 0, 0},
+      {'a', 10, 54, 64, 0}, {'a', 10, 55, 128, 1}, {'a', 100, 200, 512, 1}, {'r', 0, 0, 0, 0},
+      {'r', 10, 64, 64, 0}, {'r', 10, 129, 256, 1}};
+  for (const auto& [op, held, n, capacity, blocks] : cases) {
+    SCOPED_TRACE(testing::Message() << op << " " << held << " " << n);
     vector<int> v;
-    Fill(v, pushes);
+    Fill(v, 0, held);
+    allocations = 0;
+    if (op == 'p') Fill(v, 0, n);
+    EXPECT_EQ(op == 'a' ? v.append(values.data() + held, n) : 0, 0);
+    EXPECT_TRUE(op != 'r' || v.reserve(n));
     EXPECT_EQ(v.getCapacity(), capacity);
     EXPECT_EQ(allocations, blocks);
-    EXPECT_EQ(Contents(v), Iota(pushes));
+    EXPECT_EQ(Contents(v), Iota(held + (op == 'r' ? 0 : n)));
   }
-  EXPECT_TRUE(lines_.empty());
 }
 
-TEST_F(VectorTest, FailedFirstAllocationIsRetriedByTheNextPush) {
+// A failed first block leaves capacity 64 and no storage and is tried again; a failed
+// larger one changes nothing. A failed bulk block is not logged: reserve says so, append
+// pushes one by one instead.
+TEST(VectorTest, FailedBlocksLeaveTheArrayUsable) {
+  tesk_test::LogLines log("vector");
   vector<int> v;
   fail_next = true;
   EXPECT_EQ(v.push_back(5), -1);
-  EXPECT_THAT(lines_, ElementsAre("E vector insertion failed -1"));
-  EXPECT_EQ(v.push_back(7), 0);
-  EXPECT_EQ(Contents(v), std::vector<int>{7});
-  EXPECT_EQ(v.getCapacity(), 64u);
-}
-
-TEST_F(VectorTest, FailedGrowthKeepsContents) {
-  vector<int> v;
-  Fill(v, 64);
+  EXPECT_EQ(std::make_tuple(v.getData(), v.getCapacity()), std::make_tuple(nullptr, 64u));
+  Fill(v, 0, 64);
   const int* block = v.getData();
+  fail_next = true;
+  EXPECT_FALSE(v.reserve(65));
   fail_next = true;
   EXPECT_EQ(v.push_back(64), -2);
   EXPECT_EQ(v.getData(), block);
   EXPECT_EQ(Contents(v), Iota(64));
-  EXPECT_THAT(lines_, ElementsAre("E vector insertion failed -2"));
-  EXPECT_EQ(v.push_back(64), 0);
-  EXPECT_EQ(Contents(v), Iota(65));
+  EXPECT_THAT(log.Take(), ElementsAre("E insertion failed -1", "E insertion failed -2"));
+
+  const std::vector<int> values = Iota(164);
+  fail_next = true;  // the one block of 256; the fallback's 128 and 256 succeed
+  EXPECT_EQ(v.append(values.data() + 64, 100), 0);
+  EXPECT_EQ(v.getCapacity(), 256u);
+  EXPECT_EQ(Contents(v), values);
+  EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(VectorTest, AssignmentIsADeepCopyOfCapacityNotCount) {
+// A deep copy keeps the source's capacity, not its count; assigning an array to itself
+// changes nothing; a failed copy leaves the target empty.
+TEST(VectorTest, Assignment) {
+  tesk_test::LogLines log("vector");
   vector<int> source, target;
-  Fill(source, 70);
+  Fill(source, 0, 70);
   target.push_back(99);
   target = source;
   EXPECT_EQ(target.getCapacity(), 128u);
   EXPECT_NE(target.getData(), source.getData());
-  EXPECT_EQ(Contents(target), Iota(70));
-
-  const int* block = target.getData();
-  allocations = 0;
   vector<int>& alias = target;
   target = alias;
-  EXPECT_EQ(target.getData(), block);
   EXPECT_EQ(Contents(target), Iota(70));
-  EXPECT_EQ(allocations, 0);
-}
-
-TEST_F(VectorTest, FailedAssignmentLeavesTargetEmpty) {
-  vector<int> source, target;
-  source.push_back(1);
-  target.push_back(2);
   fail_next = true;
   target = source;
-  EXPECT_EQ(target.getData(), nullptr);
-  EXPECT_EQ(target.getCapacity(), 0u);
-  EXPECT_EQ(target.getCount(), 0u);
-  EXPECT_THAT(lines_, ElementsAre("E vector assignment failed 2"));
+  EXPECT_EQ(std::make_tuple(target.getData(), target.getCapacity(), target.getCount()),
+            std::make_tuple(nullptr, 0u, 0u));
+  EXPECT_THAT(log.Take(), ElementsAre("E assignment failed 2"));
 }
 
-TEST_F(VectorTest, AccessAtOrBeyondCountLogsAndYieldsFirstElement) {
+// An index at or beyond the count logs and yields element 0. Indexing an array that has no
+// storage has no element 0 to fall back on: it logs and then faults, rather than handing
+// out some other memory.
+TEST(VectorTest, IndexingAtOrBeyondTheCount) {
+  tesk_test::LogLines log("vector");
   vector<int> v;
-  v.push_back(10);
-  v.push_back(11);
+  Fill(v, 0, 2);
   const vector<int>& cv = v;
+  EXPECT_EQ(cv[1], 1);
+  EXPECT_THAT(log.Take(), IsEmpty());
   for (uint32_t index : {2u, 64u, 0xFFFFFFFFu}) {
-    SCOPED_TRACE(index);
-    lines_.clear();
-    EXPECT_EQ(cv[index], 10);
+    EXPECT_EQ(&cv[index], v.getData());
     EXPECT_EQ(&v[index], v.getData());
-    EXPECT_THAT(lines_,
-                ElementsAre("E vector index out of range\n", "E vector index out of range\n"));
+    EXPECT_THAT(log.Take(), ElementsAre("E index out of range\n", "E index out of range\n"));
   }
-  lines_.clear();
-  EXPECT_EQ(cv[1], 11);
-  EXPECT_TRUE(lines_.empty());
-}
-
-// A bulk append lands where pushing each element would, in one new block at
-// most; should that block fail, it falls back to pushing one by one.
-TEST_F(VectorTest, AppendGrowsLikePushesInOneBlock) {
-  const std::vector<int> values = Iota(300);
-  const std::tuple<int, uint32_t, uint32_t, int> cases[] = {
-      // already held, appended, capacity after, blocks made by the append
-      {0, 0, 0, 0},    {0, 1, 64, 1},    {0, 64, 64, 1},    {0, 65, 128, 1},
-      {10, 54, 64, 0}, {10, 55, 128, 1}, {100, 200, 512, 1}};
-  for (const auto& [held, appended, capacity, blocks] : cases) {
-    SCOPED_TRACE(testing::Message() << held << " + " << appended);
-    vector<int> v;
-    Fill(v, held);
-    allocations = 0;
-    EXPECT_EQ(v.append(values.data() + held, appended), 0);
-    EXPECT_EQ(v.getCapacity(), capacity);
-    EXPECT_EQ(allocations, blocks);
-    EXPECT_EQ(Contents(v), Iota(held + static_cast<int>(appended)));
-  }
-  vector<int> v;
-  Fill(v, 64);
-  fail_next = true;  // the one block of 256; the fallback's 128 succeeds
-  EXPECT_EQ(v.append(values.data() + 64, 100), 0);
-  EXPECT_EQ(v.getCapacity(), 256u);
-  EXPECT_EQ(Contents(v), Iota(164));
-  EXPECT_TRUE(lines_.empty());
-}
-
-// An array without storage has no element 0 to fall back on: the access
-// logs and then faults, rather than handing out some other memory.
-TEST_F(VectorTest, AccessWithoutStorageLogsThenFaults) {
   vector<int> empty;
   EXPECT_DEATH(
       {
