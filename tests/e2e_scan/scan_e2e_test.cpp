@@ -1,15 +1,12 @@
 // End to end, each part in its own process: the daemon as init starts it, the simulated location
-// service following a scenario file, and clients over the IPC library (here, or teskctl).
+// service following a scenario file, and teskctl as the client.
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <cstring>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -19,12 +16,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <tesk/scan_records.h>
-
-#include "teskclient/callback_object.h"
-#include "teskclient/mac_address.h"
-#include "teskclient/request_encoding.h"
-#include "teskclient/session.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/emulator.h"
 #include "tests/support/temp_dir.h"
@@ -33,10 +24,7 @@ extern char** environ;
 
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using Bytes = std::vector<uint8_t>;
-using Delivery = std::vector<Bytes>;  // its buffers; null ones empty
 
 // Long enough for any machine; a test that waits this long has failed.
 constexpr std::chrono::seconds kPatience{30};
@@ -54,101 +42,35 @@ struct ScenarioDaemon {
     EXPECT_EQ(process->Log().find("Sanitizer"), std::string::npos) << process->Log();
     EXPECT_EQ(process->Log().find("runtime error"), std::string::npos) << process->Log();
   }
-  const std::string& socket() const { return process->socket_path(); }
 
   tesk_test::TempDir dir;
   std::unique_ptr<tesk_test::DaemonProcess> process;
 };
 
-// One connection with one interface open; keeps every delivery.
-class Client {
- public:
-  Client(const std::string& socket, uint32_t interface_id) {
-    Object root = kNullObject;
-    if (teskclient::Connect(socket, &root) != 0) return;
-    teskclient::OpenService(root, interface_id, &service_);
-    ObjectRelease(root);
-    callback_ =
-        teskclient::MakeCallbackObject([state = state_](const ObjectArg* args, uint32_t counts) {
-          std::lock_guard<std::mutex> lock(state->mutex);
-          state->deliveries.emplace_back();
-          for (unsigned i = 0; i < OBJECT_COUNTS_IN_BUFS(counts); ++i) {
-            const auto* p = static_cast<const uint8_t*>(args[i].b.ptr);
-            state->deliveries.back().push_back(p ? Bytes(p, p + args[i].b.size) : Bytes());
-          }
-          state->changed.notify_all();
-        });
-  }
-  ~Client() {
-    for (Object object : {handle_, callback_, service_}) {
-      if (!IsNullObject(object)) ObjectRelease(object);
-    }
-  }
-  int32_t Discover(const teskclient::DiscoveryScanPlan& plan = {}) {
-    teskclient::EncodedDiscoveryScan request;
-    std::string error;
-    if (!teskclient::EncodeDiscoveryScan(plan, &request, &error)) return -1;
-    return teskclient::StartDiscoveryScan(service_, request, callback_, &handle_);
-  }
-  int32_t Range(const teskclient::RangingScanPlan& plan) {
-    return teskclient::StartRangingScan(service_, EncodeRangingScan(plan), callback_, &handle_);
-  }
-  void ReleaseHandle() {
-    ObjectRelease(handle_);
-    handle_ = kNullObject;
-  }
-  // Every delivery so far, after waiting up to `patience` for the first.
-  std::vector<Delivery> Deliveries(std::chrono::milliseconds patience = kPatience) {
-    std::unique_lock<std::mutex> lock(state_->mutex);
-    state_->changed.wait_for(lock, patience, [&] { return !state_->deliveries.empty(); });
-    return state_->deliveries;
-  }
-
- private:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Delivery> deliveries;
-  };
-  std::shared_ptr<State> state_ = std::make_shared<State>();
-  Object service_ = kNullObject, callback_ = kNullObject, handle_ = kNullObject;
-};
-
-// teskctl in the background.
+// teskctl run to its end, its output split into lines.
 struct Teskctl {
   explicit Teskctl(std::vector<std::string> args) {
     args.insert(args.begin(), tesk_test::BuiltBinary("teskctl"));
-    args = tesk_test::NativeCommand(std::move(args));
-    std::vector<char*> argv = tesk_test::ArgumentPointers(args);
-    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    result = tesk_test::RunProcess(args);
+    std::istringstream out(result.out);
+    for (std::string line; std::getline(out, line);) lines.push_back(line);
   }
-  ~Teskctl() { Finish(SIGKILL); }
-  // Sends `signal` and waits: the exit code, 128 + signal when killed.
-  int Finish(int signal) {
-    if (pid_ <= 0) return -1;
-    kill(pid_, signal);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  pid_t pid_ = -1;
+  tesk_test::ProcessResult result;
+  std::vector<std::string> lines;
 };
 
-WifiScanMeasurement Record(const Bytes& records, size_t i) {
-  WifiScanMeasurement r{};
-  if (records.size() >= (i + 1) * sizeof r) memcpy(&r, records.data() + i * sizeof r, sizeof r);
-  return r;
-}
-
-// The BSSIDs of the records in a record buffer, in order.
-std::vector<std::string> Bssids(const Bytes& records) {
-  std::vector<std::string> bssids;
-  for (size_t i = 0; i < records.size() / sizeof(WifiScanMeasurement); ++i) {
-    const WifiScanMeasurement r = Record(records, i);
-    bssids.push_back(teskclient::FormatMacAddress(teskclient::FromWire(r.bssidLo24, r.bssidHi24)));
-  }
-  return bssids;
+// teskctl in the background until `signal` ends it: the exit code, 128 + signal when killed.
+int SignalledTeskctl(std::vector<std::string> args, const ScenarioDaemon& daemon, int signal) {
+  args.insert(args.begin(), tesk_test::BuiltBinary("teskctl"));
+  args = tesk_test::NativeCommand(std::move(args));
+  std::vector<char*> argv = tesk_test::ArgumentPointers(args);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;
+  EXPECT_TRUE(daemon.process->WaitForLog("StartScan returning 0\n", kPatience));
+  kill(pid, signal);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // True when the flat JSON line holds "key":value as a whole field.
@@ -192,32 +114,15 @@ std::string Neighbourhood() {
   return scenario.str();
 }
 
-// The three access points in the response's order, to a client in this process and to
-// teskctl --json.
+// The three access points in the response's order, every field as the beacon says.
 TEST(ScanEndToEnd, ThreeBeaconsInTheResponsesOrder) {
   ScenarioDaemon daemon(Neighbourhood());
-  Client client(daemon.socket(), kInterfaceDiscoveryScan);
-  teskclient::DiscoveryScanPlan plan;
-  plan.params.band = 2;
-  ASSERT_EQ(client.Discover(plan), 0);
-  ASSERT_EQ(client.Deliveries().size(), 1u);
-  const Delivery d = client.Deliveries()[0];
-  ASSERT_EQ(d.size(), 4u);
-  EXPECT_EQ(d[0].size(), 16u);
-  EXPECT_EQ(d[1].size(), 480u);
-  EXPECT_THAT(Bssids(d[1]), ElementsAre(kAps[0].bssid, kAps[1].bssid, kAps[2].bssid));
-
-  const tesk_test::ProcessResult result = tesk_test::RunProcess(
-      {tesk_test::BuiltBinary("teskctl"), "--socket", daemon.socket(), "--json", "scan"});
-  ASSERT_EQ(result.exit_code, 0) << result.err;
-  std::vector<std::string> lines;
-  std::istringstream out(result.out);
-  for (std::string line; std::getline(out, line);) lines.push_back(line);
-  ASSERT_EQ(lines.size(), 4u) << result.out;
-  EXPECT_TRUE(HasField(lines[0], "records", "3")) << lines[0];
+  const Teskctl scan({"--socket", daemon.process->socket_path(), "--json", "scan"});
+  ASSERT_EQ(scan.result.exit_code, 0) << scan.result.err;
+  ASSERT_EQ(scan.lines.size(), 4u) << scan.result.out;
+  EXPECT_TRUE(HasField(scan.lines[0], "records", "3")) << scan.lines[0];
   for (size_t i = 0; i < 3; ++i) {
     const Ap& ap = kAps[i];
-    const std::string& line = lines[i + 1];
     // clang-format off
     const std::pair<const char*, std::string> fields[] = {
         {"index", std::to_string(i)}, {"bssid", "\"" + ap.bssid + "\""}, {"ssid", ap.ssid_json},
@@ -229,53 +134,50 @@ TEST(ScanEndToEnd, ThreeBeaconsInTheResponsesOrder) {
         {"beaconIes", "\"" + ap.ies_hex + "\""}, {"channel", std::to_string(ap.channel)},
         {"security", ap.security}, {"vendorOuis", ap.vendor_ouis}};
     // clang-format on
-    for (const auto& [key, value] : fields) EXPECT_TRUE(HasField(line, key, value)) << key;
+    for (const auto& [key, value] : fields) EXPECT_TRUE(HasField(scan.lines[i + 1], key, value));
   }
 }
 
 TEST(ScanEndToEnd, RangingAnswerWithOnePlainAndOneRangingMeasurement) {
   ScenarioDaemon daemon(Neighbourhood());
-  Client client(daemon.socket(), kInterfaceRangingScan);
-  teskclient::RangingScanPlan plan;
-  plan.targets.resize(2);
-  ASSERT_TRUE(teskclient::ParseMacAddress(kAps[0].bssid, &plan.targets[0].mac));
-  ASSERT_TRUE(teskclient::ParseMacAddress(kAps[1].bssid, &plan.targets[1].mac));
-  ASSERT_EQ(client.Range(plan), 0);
-  ASSERT_EQ(client.Deliveries().size(), 1u);
-  const Delivery d = client.Deliveries()[0];
-  ASSERT_EQ(d.size(), 5u);
-  EXPECT_EQ(d[0], Bytes(4, 0));  // status
-  EXPECT_THAT(Bssids(d[1]), ElementsAre(kAps[0].bssid, kAps[1].bssid));
-  const WifiScanMeasurement plain = Record(d[1], 0), ranged = Record(d[1], 1);
-  EXPECT_EQ(
-      std::make_tuple(plain.macCount, ranged.value32_4, ranged.firstMacIndex, ranged.macCount),
-      std::make_tuple(0u, 4200u, 0u, 1u));
-  EXPECT_EQ(d[4], (Bytes{0x02, 0x44, 0x33, 0, 0x22, 0x11, 0x02, 0}));  // the second's halves
+  const Teskctl range(
+      {"--socket", daemon.process->socket_path(), "--json", "range", kAps[0].bssid, kAps[1].bssid});
+  ASSERT_EQ(range.result.exit_code, 0) << range.result.err;
+  ASSERT_EQ(range.lines.size(), 3u) << range.result.out;
+  const std::tuple<size_t, const char*, std::string> fields[] = {
+      {0, "scanStatus", "0"},
+      {0, "macs", "1"},
+      {1, "bssid", "\"" + kAps[0].bssid + "\""},
+      {1, "macCount", "0"},
+      {2, "bssid", "\"" + kAps[1].bssid + "\""},
+      {2, "value32_4", "4200"},
+      {2, "firstMacIndex", "0"},
+      {2, "macs", "[\"" + kAps[1].bssid + "\"]"}};
+  for (const auto& [line, key, value] : fields) {
+    EXPECT_TRUE(HasField(range.lines[line], key, value)) << range.lines[line];
+  }
 }
 
-// A scan abandoned before its answer, by releasing the handle or by the client's death:
-// the late answer finds nothing to go to, and the daemon serves the next client.
+// A scan abandoned before its answer, by a client that gives up or dies: the late answer finds
+// nothing to go to, and the daemon serves the next client.
 TEST(ScanEndToEnd, AbandonedScanGetsNoDeliveryAndTheDaemonServesOn) {
-  for (bool kill_teskctl : {false, true}) {
-    SCOPED_TRACE(kill_teskctl ? "teskctl killed" : "handle released");
+  for (int signal : {0, SIGKILL}) {
+    SCOPED_TRACE(signal == 0 ? "timed out" : "killed");
     ScenarioDaemon daemon("latency 3000\nap bssid=02:00:00:00:00:01 channel=1\n");
-    tesk_test::DaemonProcess& process = *daemon.process;
-    Client client(daemon.socket(), kInterfaceDiscoveryScan);
-    if (kill_teskctl) {
-      Teskctl teskctl({"--socket", daemon.socket(), "scan"});
-      ASSERT_TRUE(process.WaitForLog("DiscoveryScan: StartScan returning 0\n", kPatience));
-      EXPECT_EQ(teskctl.Finish(SIGKILL), 128 + SIGKILL);
+    const std::vector<std::string> socket = {"--socket", daemon.process->socket_path()};
+    if (signal == 0) {
+      const Teskctl scan({socket[0], socket[1], "--timeout", "0.5", "scan"});
+      EXPECT_EQ(scan.result.exit_code, 4);
+      EXPECT_THAT(scan.result.err, HasSubstr("no results within"));
     } else {
-      ASSERT_EQ(client.Discover(), 0);
-      client.ReleaseHandle();
+      EXPECT_EQ(SignalledTeskctl({socket[0], socket[1], "scan"}, daemon, signal), 128 + signal);
     }
-    ASSERT_TRUE(process.WaitForLog("Dispatcher: Aborted ID 1\n", kPatience));
-    ASSERT_TRUE(process.WaitForLog("Dispatcher: Unexpected request ID 1\n", kPatience));
-    EXPECT_EQ(process.CountInLog("DiscoveryScan: ResponseReceived"), 0u);
-    EXPECT_TRUE(client.Deliveries(std::chrono::milliseconds(0)).empty());
-    ASSERT_EQ(client.Discover(), 0);
-    ASSERT_EQ(client.Deliveries().size(), 1u);
-    EXPECT_THAT(Bssids(client.Deliveries()[0].at(1)), ElementsAre("02:00:00:00:00:01"));
+    ASSERT_TRUE(daemon.process->WaitForLog("Dispatcher: Aborted ID 1\n", kPatience));
+    ASSERT_TRUE(daemon.process->WaitForLog("Dispatcher: Unexpected request ID 1\n", kPatience));
+    EXPECT_EQ(daemon.process->CountInLog("DiscoveryScan: ResponseReceived"), 0u);
+    const Teskctl scan({socket[0], socket[1], "scan"});
+    EXPECT_EQ(scan.result.exit_code, 0) << scan.result.err;
+    EXPECT_THAT(scan.result.out, HasSubstr("02:00:00:00:00:01"));
   }
 }
 
@@ -284,56 +186,50 @@ TEST(ScanEndToEnd, ConcurrentClientsEachGetTheirOwnResults) {
   std::vector<std::vector<std::string>> seen(3);
   std::vector<std::thread> threads;
   for (int i = 0; i < 3; ++i) {
-    threads.emplace_back([&, i] {
-      Client client(daemon.socket(), kInterfaceDiscoveryScan);
-      teskclient::DiscoveryScanPlan plan;  // each client asks for a different station
-      plan.params.band = 2;
-      plan.bssids.resize(1);
-      teskclient::ParseMacAddress(kAps[i].bssid, &plan.bssids[0]);
-      if (client.Discover(plan) != 0) return;
-      for (const Delivery& delivery : client.Deliveries()) seen[i] = Bssids(delivery.at(1));
+    threads.emplace_back([&, i] {  // each client asks for a different station
+      seen[i] = Teskctl({"--socket", daemon.process->socket_path(), "--json", "scan", "--band", "2",
+                         "--bssid", kAps[i].bssid})
+                    .lines;
     });
   }
   for (std::thread& thread : threads) thread.join();
-  for (int i = 0; i < 3; ++i) EXPECT_THAT(seen[i], ElementsAre(kAps[i].bssid)) << i;
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(seen[i].size(), 2u) << i;
+    EXPECT_TRUE(HasField(seen[i][1], "bssid", "\"" + kAps[i].bssid + "\"")) << seen[i][1];
+  }
 }
 
 TEST(TeskctlEndToEnd, ExitStatusSaysWhatWentWrong) {
-  // fault (null: no daemon), arguments, signal sent once the scan started, exit code, message
+  // fault (null: no daemon), command, signal sent once the scan started, exit code, message
   // clang-format off
-  const std::tuple<const char*, std::vector<std::string>, int, int, const char*> cases[] = {
-      {nullptr, {"scan"}, 0, 3, "cannot reach the daemon"},
-      {"fault refuse *\n", {"scan"}, 0, 1, "did not start the scan"},
-      {"fault refuse *\n", {"range", "02:00:00:00:00:01"}, 0, 1, "did not start the scan"},
-      {"fault wrong-type *\n", {"scan"}, 0, 5, "status 5"},
-      {"fault wrong-type *\n", {"range", "02:00:00:00:00:01"}, 0, 5, "status 5"},
-      {"fault drop *\n", {"--timeout", "0.2", "scan"}, 0, 4, "no results within"},
-      {"fault drop *\n", {"--timeout", "600", "scan"}, SIGINT, 130, ""},
-      {"fault drop *\n", {"--timeout", "600", "scan"}, SIGTERM, 130, ""}};
+  const std::tuple<const char*, const char*, int, int, const char*> cases[] = {
+      {nullptr, "scan", 0, 3, "cannot reach the daemon"},
+      {"fault refuse *\n", "scan", 0, 1, "did not start the scan"},
+      {"fault refuse *\n", "range", 0, 1, "did not start the scan"},
+      {"fault wrong-type *\n", "scan", 0, 5, "status 5"},
+      {"fault wrong-type *\n", "range", 0, 5, "status 5"},
+      {"fault drop *\n", "scan", SIGINT, 130, ""},
+      {"fault drop *\n", "scan", SIGTERM, 130, ""}};
   // clang-format on
   for (const auto& [fault, command, signal, exit_code, message] : cases) {
-    SCOPED_TRACE(testing::Message() << command.back() << " " << (fault ? fault : "no daemon"));
-    std::unique_ptr<ScenarioDaemon> daemon;
+    SCOPED_TRACE(testing::Message() << command << " " << (fault ? fault : "no daemon"));
     tesk_test::TempDir empty;
-    std::vector<std::string> args{"--socket", empty.Join("tesk")};
+    std::unique_ptr<ScenarioDaemon> daemon;
     if (fault != nullptr) {
       daemon = std::make_unique<ScenarioDaemon>(
           std::string("latency 5\nap bssid=02:00:00:00:00:01 channel=1\n") + fault);
-      args[1] = daemon->socket();
     }
-    args.insert(args.end(), command.begin(), command.end());
+    std::vector<std::string> args = {"--socket",
+                                     daemon ? daemon->process->socket_path() : empty.Join("tesk"),
+                                     "--timeout", "600", command};
+    if (args.back() == "range") args.push_back("02:00:00:00:00:01");
     if (signal != 0) {
-      Teskctl teskctl(args);
-      ASSERT_TRUE(daemon->process->WaitForLog("StartScan returning 0\n", kPatience));
-      EXPECT_EQ(teskctl.Finish(signal), exit_code);
-    } else {
-      args.insert(args.begin(), tesk_test::BuiltBinary("teskctl"));
-      const tesk_test::ProcessResult result = tesk_test::RunProcess(args);
-      EXPECT_EQ(result.exit_code, exit_code) << result.err;
-      EXPECT_THAT(result.err, HasSubstr(message));
-    }
-    if (exit_code == 4 || exit_code == 130) {  // giving up abandons the scan
+      EXPECT_EQ(SignalledTeskctl(args, *daemon, signal), exit_code);
       EXPECT_TRUE(daemon->process->WaitForLog("Dispatcher: Aborted ID 1\n", kPatience));
+    } else {
+      const Teskctl teskctl(args);
+      EXPECT_EQ(teskctl.result.exit_code, exit_code) << teskctl.result.err;
+      EXPECT_THAT(teskctl.result.err, HasSubstr(message));
     }
   }
 }

@@ -4,6 +4,7 @@
 #define TESK_TESTS_IPC_HARNESS_H_
 
 #include <stdint.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,14 +13,13 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
-#include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <tesk/object.h>
 
+#include "frame.h"
 #include "gtest/gtest.h"
 #include "tarnsocket/tarn_ipc.h"
 
@@ -27,25 +27,18 @@ namespace tarnsocket::ipc_test {
 
 using Bytes = std::vector<uint8_t>;
 
-// Every op returns -1 unless 64 zero bytes follow each buffer it is given.
+// Every op returns -1 unless each buffer it is given is aligned and followed
+// by zero slack.
 enum Op : uint32_t {
   kOpChecksum,  // in bufs: their Checksum
   kOpStore,     // 1 in obj: kept, retained, as the callback; the null object drops it
   kOpEcho,      // 1 in buf [1 in obj]: calls the object, or the callback, with the buffer
-  kOpReturn,    // 1 in obj, 1 out obj: the input back, or `counted` for the null object
+  kOpReturn,    // 1 in obj or 1 in buf (u32 n), 1 out obj: the object back, or `many[n % 4]`
   kOpBlock,     // returns once `unblocked` is set
-  kOpNth,       // 1 in buf (u32 n), 1 out obj: `many[n]`
 };
 
 inline void Pause() {
   std::this_thread::sleep_for(std::chrono::milliseconds(1));
-}
-
-inline Bytes Pattern(size_t size, uint32_t seed) {
-  std::minstd_rand random(seed);
-  Bytes bytes(size);
-  for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random() >> 8);
-  return bytes;
 }
 
 // Of the buffers' sizes and contents.
@@ -55,8 +48,7 @@ inline int32_t Checksum(const ObjectArg* args, unsigned bufs) {
     all += std::to_string(arg->b.size) + ":" +
            std::string(static_cast<char*>(arg->b.ptr), arg->b.size);
   }
-  const size_t hash = std::hash<std::string>{}(all);
-  return static_cast<int32_t>(hash % 0x80000000u);
+  return static_cast<int32_t>(std::hash<std::string>{}(all) % 0x80000000u);
 }
 
 inline ObjectArg Buf(const void* data, uint64_t size) {
@@ -86,8 +78,9 @@ struct Counted {
 
   Object AsObject() { return Object{&Counted::Invoke, this}; }
   int Held() const { return retains - releases; }
+  // The test's own timeout catches a hang.
   void AwaitReleases(int n) const {
-    while (releases < n) Pause();  // the test's own timeout catches a hang
+    while (releases < n) Pause();
   }
   void AwaitCalls(int n) const {
     while (calls < n) Pause();
@@ -114,21 +107,11 @@ struct Counted {
   }
 };
 
-// Sets limits for the connections made while it lives.
-class ScopedEnvironment {
- public:
-  explicit ScopedEnvironment(std::initializer_list<std::pair<const char*, const char*>> values) {
-    for (const auto& value : values) {
-      names_.push_back(value.first);
-      setenv(value.first, value.second, 1);
-    }
-  }
-  ~ScopedEnvironment() {
-    for (const char* name : names_) unsetenv(name);
-  }
-
- private:
-  std::vector<const char*> names_;
+// Sets a limit for the connections made while it lives.
+struct ScopedEnv {
+  ScopedEnv(const char* variable, const char* value) : name(variable) { setenv(name, value, 1); }
+  ~ScopedEnv() { unsetenv(name); }
+  const char* name;
 };
 
 // `root`, served on a socket of its own, counts references to itself and
@@ -174,7 +157,10 @@ struct Served {
     const unsigned bufs = OBJECT_COUNTS_IN_BUFS(counts);
     for (unsigned i = 0; i < bufs; ++i) {
       const uint8_t* end = static_cast<const uint8_t*>(args[i].b.ptr) + args[i].b.size;
-      if (Bytes(end, end + 64) != Bytes(64, 0)) return -1;
+      if (reinterpret_cast<uintptr_t>(args[i].b.ptr) % kBufferAlign != 0 ||
+          Bytes(end, end + kBufferSlack) != Bytes(kBufferSlack, 0)) {
+        return -1;
+      }
     }
     switch (op) {
       case kOpChecksum:
@@ -194,23 +180,20 @@ struct Served {
         return IsNullObject(target) ? OBJECT_ERROR_INVALID : Call(target, 0, echo, 1);
       }
       case kOpReturn:
-        args[1].o = IsNullObject(args[0].o) ? counted.AsObject() : args[0].o;
+        args[1].o =
+            bufs == 0 ? args[0].o : many[*static_cast<uint32_t*>(args[0].b.ptr) % 4].AsObject();
         ObjectRetain(args[1].o);
         return OBJECT_OK;
       case kOpBlock:
         blocked = true;
         while (!unblocked) Pause();
         return OBJECT_OK;
-      case kOpNth:
-        args[1].o = many[*static_cast<uint32_t*>(args[0].b.ptr) % 4].AsObject();
-        ObjectRetain(args[1].o);
-        return OBJECT_OK;
       default:
         return OBJECT_ERROR_INVALID;
     }
   }
 
-  Counted root, counted, many[4];
+  Counted root, many[4];
   std::string path;
   sockaddr_un address{AF_UNIX, {}};
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -1,13 +1,11 @@
 // The daemon binary as init starts it: every start-up failure is logged once
 // and leaves the process alive; a good start serves the root object.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/daemon_process.h"
 #include "tests/support/temp_dir.h"
@@ -15,75 +13,53 @@
 namespace tesk_test {
 namespace {
 
-void Copy(const std::string& from, const std::string& to) {
-  std::ifstream in(from, std::ios::binary);
-  std::ofstream out(to, std::ios::binary);
-  out << in.rdbuf();
-  out.close();
-  ASSERT_TRUE(in.good() || in.eof()) << from;
-  ASSERT_EQ(chmod(to.c_str(), 0755), 0);
-}
-
-// A copy of the daemon beside a lib/ folder of our choosing: the daemon
-// finds libraries, the dlopen'ed one included, through $ORIGIN/../lib.
-struct RelocatedDaemon {
-  TempDir dir;
-  std::string program;
-
-  explicit RelocatedDaemon(const std::string& ipc_library) {
-    mkdir(dir.Join("bin").c_str(), 0755);
-    mkdir(dir.Join("lib").c_str(), 0755);
-    program = dir.Join("bin/tesk");
-    Copy(BuiltBinary("tesk"), program);
-    Copy(BuiltLibrary("libvela_client.so"), dir.Join("lib/libvela_client.so"));
-    if (!ipc_library.empty()) Copy(ipc_library, dir.Join("lib/libtarnsocket.so"));
+TEST(DaemonStartup, EachFailureIsLoggedOnceAndTheProcessStaysAlive) {
+  const struct {
+    const char* ipc_library;  // beside a copy of the daemon ("": none); null: no copy
+    bool provide_socket;
+    int socket_type;
+    std::vector<std::string> environment;
+    const char* message;
+  } cases[] = {
+      {"", true, SOCK_STREAM, {}, "Failed to load libtarnsocket"},
+      {"libtarnsocket_without_entry_points.so",
+       true,
+       SOCK_STREAM,
+       {},
+       "Shared library symbol not found"},
+      {nullptr, false, SOCK_STREAM, {}, "No service socket provided"},
+      // A number that is not an open socket in the daemon is no control socket.
+      {nullptr, false, SOCK_STREAM, {"ANDROID_SOCKET_tesk=0"}, "No service socket provided"},
+      {nullptr, true, SOCK_DGRAM, {}, "Failed to create service"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.message);
+    TempDir dir;
+    DaemonProcess::Options options{"", c.environment, c.provide_socket, c.socket_type, "tesk=2"};
+    // The copy finds its libraries, the dlopen'ed one included, through $ORIGIN/../lib.
+    const auto copy = [&dir](const std::string& from, const std::string& to) {
+      std::filesystem::create_directories(std::filesystem::path(dir.Join(to)).parent_path());
+      std::filesystem::copy_file(from, dir.Join(to));
+    };
+    if (c.ipc_library != nullptr) {
+      options.program = dir.Join("bin/tesk");
+      copy(BuiltBinary("tesk"), "bin/tesk");
+      copy(BuiltLibrary("libvela_client.so"), "lib/libvela_client.so");
+      if (*c.ipc_library != '\0') copy(BuiltLibrary(c.ipc_library), "lib/libtarnsocket.so");
+    }
+    DaemonProcess daemon(options);
+    ASSERT_TRUE(daemon.WaitForLog(std::string("E tesk: ") + c.message + "\n")) << daemon.Log();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(daemon.Running());
+    EXPECT_EQ(daemon.CountInLog("E tesk: "), 1u) << daemon.Log();
+    EXPECT_EQ(daemon.CountInLog("Serving TESK interface"), 0u);
   }
-};
-
-// The failure is logged once, at error level, without a trailing newline,
-// and the process then sleeps instead of exiting.
-void ExpectLoggedFailureAndAlive(DaemonProcess& daemon, const std::string& message) {
-  const std::string line = "E tesk: " + message + "\n";
-  ASSERT_TRUE(daemon.WaitForLog(line)) << daemon.Log();
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_TRUE(daemon.Running());
-  EXPECT_EQ(daemon.CountInLog("E tesk: "), 1u) << daemon.Log();
-  EXPECT_EQ(daemon.CountInLog("Serving TESK interface"), 0u);
-}
-
-TEST(DaemonStartup, MissingIpcLibrary) {
-  RelocatedDaemon relocated("");
-  DaemonProcess daemon({relocated.program, {}, true, SOCK_STREAM, "tesk=2"});
-  ExpectLoggedFailureAndAlive(daemon, "Failed to load libtarnsocket");
-}
-
-TEST(DaemonStartup, IpcLibraryWithoutItsEntryPoints) {
-  RelocatedDaemon relocated(BuiltLibrary("libtarnsocket_without_entry_points.so"));
-  DaemonProcess daemon({relocated.program, {}, true, SOCK_STREAM, "tesk=2"});
-  ExpectLoggedFailureAndAlive(daemon, "Shared library symbol not found");
-}
-
-TEST(DaemonStartup, NoControlSocket) {
-  DaemonProcess daemon({"", {}, false, SOCK_STREAM, "tesk=2"});
-  ExpectLoggedFailureAndAlive(daemon, "No service socket provided");
-}
-
-TEST(DaemonStartup, ControlSocketVariableNamingNoSocket) {
-  // A number that is not an open socket in the daemon is no control socket.
-  DaemonProcess daemon({"", {"ANDROID_SOCKET_tesk=0"}, false, SOCK_STREAM, "tesk=2"});
-  ExpectLoggedFailureAndAlive(daemon, "No service socket provided");
-}
-
-TEST(DaemonStartup, ControlSocketThatCannotServe) {
-  DaemonProcess daemon({"", {}, true, SOCK_DGRAM, "tesk=2"});
-  ExpectLoggedFailureAndAlive(daemon, "Failed to create service");
 }
 
 TEST(DaemonStartup, ServesAndAnswersAClientWrittenInC) {
   DaemonProcess daemon;
   ASSERT_TRUE(daemon.WaitForLog("I tesk: Serving TESK interface\n")) << daemon.Log();
   ASSERT_TRUE(daemon.WaitUntilServing());
-
   const ProcessResult client = RunProcess({BuiltBinary("root_client"), daemon.socket_path()});
   EXPECT_EQ(client.exit_code, 0) << client.out << client.err;
   EXPECT_EQ(client.out, "result 2, null object\n");

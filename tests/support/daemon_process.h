@@ -1,5 +1,5 @@
 // Test support: runs the real daemon binary as init would, in a process of
-// its own, and watches what it logs.
+// its own, and reads what it logs; runs other programs to their end.
 #ifndef TESK_TESTS_SUPPORT_DAEMON_PROCESS_H_
 #define TESK_TESTS_SUPPORT_DAEMON_PROCESS_H_
 
@@ -7,10 +7,7 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/support/temp_dir.h"
@@ -21,7 +18,7 @@ class DaemonProcess {
  public:
   struct Options {
     std::string program;  // defaults to the built daemon
-    // Extra environment, "NAME=value"; the rest is inherited.
+    // Extra environment, "NAME=value" (a bare NAME unsets it); the rest is inherited.
     std::vector<std::string> environment;
     bool provide_socket = true;  // false: no ANDROID_SOCKET_tesk at all
     int socket_type = SOCK_STREAM;
@@ -37,13 +34,12 @@ class DaemonProcess {
   pid_t pid() const { return pid_; }
   const std::string& socket_path() const { return socket_path_; }
 
-  // True once the daemon's stderr holds `text` (waits up to `timeout`).
-  bool WaitForLog(const std::string& text,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(10));
   // Everything the daemon wrote to stderr so far.
-  std::string Log();
-  // Number of times `text` occurs in the log so far.
-  size_t CountInLog(const std::string& text);
+  std::string Log() const;
+  // True once the log holds `text` (waits up to `timeout`).
+  bool WaitForLog(const std::string& text,
+                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+  size_t CountInLog(const std::string& text) const;
 
   // True while the process has not ended.
   bool Running();
@@ -52,23 +48,13 @@ class DaemonProcess {
   bool WaitUntilServing(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
   // Resource figures read from /proc, for leak checks.
-  int OpenDescriptorCount();
-  long ResidentKilobytes();
-
-  // Sends SIGTERM and waits for the end; returns the wait status.
-  int Stop();
+  int OpenDescriptorCount() const;
+  long ResidentKilobytes() const;
 
  private:
-  void ReadLog(int fd);
-
   TempDir dir_;
   std::string socket_path_;
   pid_t pid_ = -1;
-  int status_ = 0;
-  std::thread reader_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::string log_;
 };
 
 // Path of a binary or library built in the same tree as the tests.
@@ -79,9 +65,9 @@ std::string BuiltLibrary(const std::string& file_name);
 // binary itself, or under an emulator a script that runs it there.
 std::string NativeProgram(const std::string& binary);
 
-// Runs a program to its end with extra environment; collects its output.
+// Runs a program to its end with extra environment (as in Options); collects its output.
 struct ProcessResult {
-  int exit_code = -1;  // 128 + signal when killed
+  int exit_code = -1;  // 128 + signal when killed, 127 when it cannot start
   std::string out;
   std::string err;
 };

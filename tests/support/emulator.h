@@ -35,13 +35,6 @@ inline int ElfMachine(const char* file) {
   return elf ? header[18] | header[19] << 8 : -1;
 }
 
-// True when `path` is built for the same machine as this process (which the
-// emulator shows as its own /proc/self/exe).
-inline bool BuiltForThisMachine(const std::string& path) {
-  const int mine = ElfMachine("/proc/self/exe");
-  return mine >= 0 && ElfMachine(path.c_str()) == mine;
-}
-
 // `argv` as a command that runs on this machine: the emulator's command line
 // (words separated by spaces) in front of a program built for the target.
 inline std::vector<std::string> NativeCommand(std::vector<std::string> argv) {
@@ -53,7 +46,10 @@ inline std::vector<std::string> NativeCommand(std::vector<std::string> argv) {
     const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
     if (n > 0) argv[0].assign(path, static_cast<size_t>(n));
   }
-  if (argv.empty() || !BuiltForThisMachine(argv[0])) return argv;
+  // Built for the machine this process is built for (which the emulator
+  // shows as its own /proc/self/exe), the program needs the emulator too.
+  const int mine = ElfMachine("/proc/self/exe");
+  if (argv.empty() || mine < 0 || ElfMachine(argv[0].c_str()) != mine) return argv;
   std::istringstream words(TESK_TEST_EMULATOR);
   std::vector<std::string> command;
   for (std::string word; words >> word;) command.push_back(word);
