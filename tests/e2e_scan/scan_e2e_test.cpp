@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -114,13 +115,29 @@ std::string Neighbourhood() {
   return scenario.str();
 }
 
-// The three access points in the response's order, every field as the beacon says.
-TEST(ScanEndToEnd, ThreeBeaconsInTheResponsesOrder) {
+// Clients at once, each with its own results: the three access points in the response's order,
+// every field as the beacon says; each station alone when asked for; a ranging answer with one
+// plain and one ranging measurement.
+TEST(ScanEndToEnd, ConcurrentClientsEachGetTheirOwnResults) {
   ScenarioDaemon daemon(Neighbourhood());
-  const Teskctl scan({"--socket", daemon.process->socket_path(), "--json", "scan"});
-  ASSERT_EQ(scan.result.exit_code, 0) << scan.result.err;
-  ASSERT_EQ(scan.lines.size(), 4u) << scan.result.out;
-  EXPECT_TRUE(HasField(scan.lines[0], "records", "3")) << scan.lines[0];
+  std::vector<std::vector<std::string>> commands = {{"scan"},
+                                                    {"range", kAps[0].bssid, kAps[1].bssid}};
+  for (const Ap& ap : kAps) commands.push_back({"scan", "--band", "2", "--bssid", ap.bssid});
+  std::vector<std::unique_ptr<Teskctl>> runs(commands.size());
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < commands.size(); ++i) {
+    threads.emplace_back([&, i] {
+      commands[i].insert(commands[i].begin(),
+                         {"--socket", daemon.process->socket_path(), "--json"});
+      runs[i] = std::make_unique<Teskctl>(commands[i]);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (const auto& run : runs) ASSERT_EQ(run->result.exit_code, 0) << run->result.err;
+
+  const std::vector<std::string>& scan = runs[0]->lines;
+  ASSERT_EQ(scan.size(), 4u) << runs[0]->result.out;
+  EXPECT_TRUE(HasField(scan[0], "records", "3")) << scan[0];
   for (size_t i = 0; i < 3; ++i) {
     const Ap& ap = kAps[i];
     // clang-format off
@@ -134,16 +151,13 @@ TEST(ScanEndToEnd, ThreeBeaconsInTheResponsesOrder) {
         {"beaconIes", "\"" + ap.ies_hex + "\""}, {"channel", std::to_string(ap.channel)},
         {"security", ap.security}, {"vendorOuis", ap.vendor_ouis}};
     // clang-format on
-    for (const auto& [key, value] : fields) EXPECT_TRUE(HasField(scan.lines[i + 1], key, value));
+    for (const auto& [key, value] : fields) EXPECT_TRUE(HasField(scan[i + 1], key, value)) << key;
+    ASSERT_EQ(runs[2 + i]->lines.size(), 2u) << runs[2 + i]->result.out;
+    EXPECT_TRUE(HasField(runs[2 + i]->lines[1], "bssid", "\"" + ap.bssid + "\""));
   }
-}
 
-TEST(ScanEndToEnd, RangingAnswerWithOnePlainAndOneRangingMeasurement) {
-  ScenarioDaemon daemon(Neighbourhood());
-  const Teskctl range(
-      {"--socket", daemon.process->socket_path(), "--json", "range", kAps[0].bssid, kAps[1].bssid});
-  ASSERT_EQ(range.result.exit_code, 0) << range.result.err;
-  ASSERT_EQ(range.lines.size(), 3u) << range.result.out;
+  const std::vector<std::string>& range = runs[1]->lines;
+  ASSERT_EQ(range.size(), 3u) << runs[1]->result.out;
   const std::tuple<size_t, const char*, std::string> fields[] = {
       {0, "scanStatus", "0"},
       {0, "macs", "1"},
@@ -154,65 +168,44 @@ TEST(ScanEndToEnd, RangingAnswerWithOnePlainAndOneRangingMeasurement) {
       {2, "firstMacIndex", "0"},
       {2, "macs", "[\"" + kAps[1].bssid + "\"]"}};
   for (const auto& [line, key, value] : fields) {
-    EXPECT_TRUE(HasField(range.lines[line], key, value)) << range.lines[line];
+    EXPECT_TRUE(HasField(range[line], key, value)) << range[line];
   }
 }
 
-// A scan abandoned before its answer, by a client that gives up or dies: the late answer finds
-// nothing to go to, and the daemon serves the next client.
+// A scan abandoned before its answer, by a client that gives up, is interrupted or dies: the
+// late answer finds nothing to go to, and the daemon serves the next client.
 TEST(ScanEndToEnd, AbandonedScanGetsNoDeliveryAndTheDaemonServesOn) {
-  for (int signal : {0, SIGKILL}) {
-    SCOPED_TRACE(signal == 0 ? "timed out" : "killed");
+  const std::pair<int, int> cases[] = {{0, 4}, {SIGINT, 130}, {SIGTERM, 130}, {SIGKILL, 137}};
+  for (const auto& [signal, exit_code] : cases) {
+    SCOPED_TRACE(signal == 0 ? "timed out" : strsignal(signal));
     ScenarioDaemon daemon("latency 3000\nap bssid=02:00:00:00:00:01 channel=1\n");
-    const std::vector<std::string> socket = {"--socket", daemon.process->socket_path()};
+    const std::string socket = daemon.process->socket_path();
     if (signal == 0) {
-      const Teskctl scan({socket[0], socket[1], "--timeout", "0.5", "scan"});
-      EXPECT_EQ(scan.result.exit_code, 4);
+      const Teskctl scan({"--socket", socket, "--timeout", "0.5", "scan"});
+      EXPECT_EQ(scan.result.exit_code, exit_code);
       EXPECT_THAT(scan.result.err, HasSubstr("no results within"));
     } else {
-      EXPECT_EQ(SignalledTeskctl({socket[0], socket[1], "scan"}, daemon, signal), 128 + signal);
+      EXPECT_EQ(SignalledTeskctl({"--socket", socket, "scan"}, daemon, signal), exit_code);
     }
     ASSERT_TRUE(daemon.process->WaitForLog("Dispatcher: Aborted ID 1\n", kPatience));
     ASSERT_TRUE(daemon.process->WaitForLog("Dispatcher: Unexpected request ID 1\n", kPatience));
     EXPECT_EQ(daemon.process->CountInLog("DiscoveryScan: ResponseReceived"), 0u);
-    const Teskctl scan({socket[0], socket[1], "scan"});
+    const Teskctl scan({"--socket", socket, "scan"});
     EXPECT_EQ(scan.result.exit_code, 0) << scan.result.err;
     EXPECT_THAT(scan.result.out, HasSubstr("02:00:00:00:00:01"));
   }
 }
 
-TEST(ScanEndToEnd, ConcurrentClientsEachGetTheirOwnResults) {
-  ScenarioDaemon daemon(Neighbourhood());
-  std::vector<std::vector<std::string>> seen(3);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 3; ++i) {
-    threads.emplace_back([&, i] {  // each client asks for a different station
-      seen[i] = Teskctl({"--socket", daemon.process->socket_path(), "--json", "scan", "--band", "2",
-                         "--bssid", kAps[i].bssid})
-                    .lines;
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_EQ(seen[i].size(), 2u) << i;
-    EXPECT_TRUE(HasField(seen[i][1], "bssid", "\"" + kAps[i].bssid + "\"")) << seen[i][1];
-  }
-}
-
 TEST(TeskctlEndToEnd, ExitStatusSaysWhatWentWrong) {
-  // fault (null: no daemon), command, signal sent once the scan started, exit code, message
-  // clang-format off
-  const std::tuple<const char*, const char*, int, int, const char*> cases[] = {
-      {nullptr, "scan", 0, 3, "cannot reach the daemon"},
-      {"fault refuse *\n", "scan", 0, 1, "did not start the scan"},
-      {"fault refuse *\n", "range", 0, 1, "did not start the scan"},
-      {"fault wrong-type *\n", "scan", 0, 5, "status 5"},
-      {"fault wrong-type *\n", "range", 0, 5, "status 5"},
-      {"fault drop *\n", "scan", SIGINT, 130, ""},
-      {"fault drop *\n", "scan", SIGTERM, 130, ""}};
-  // clang-format on
-  for (const auto& [fault, command, signal, exit_code, message] : cases) {
-    SCOPED_TRACE(testing::Message() << command << " " << (fault ? fault : "no daemon"));
+  // fault (null: no daemon), command, exit code, message
+  const std::tuple<const char*, std::vector<std::string>, int, const char*> cases[] = {
+      {nullptr, {"scan"}, 3, "cannot reach the daemon"},
+      {"fault refuse *\n", {"scan"}, 1, "did not start the scan"},
+      {"fault refuse *\n", {"range", "02:00:00:00:00:01"}, 1, "did not start the scan"},
+      {"fault wrong-type *\n", {"scan"}, 5, "status 5"},
+      {"fault wrong-type *\n", {"range", "02:00:00:00:00:01"}, 5, "status 5"}};
+  for (const auto& [fault, command, exit_code, message] : cases) {
+    SCOPED_TRACE(testing::Message() << command[0] << " " << (fault ? fault : "no daemon"));
     tesk_test::TempDir empty;
     std::unique_ptr<ScenarioDaemon> daemon;
     if (fault != nullptr) {
@@ -220,17 +213,11 @@ TEST(TeskctlEndToEnd, ExitStatusSaysWhatWentWrong) {
           std::string("latency 5\nap bssid=02:00:00:00:00:01 channel=1\n") + fault);
     }
     std::vector<std::string> args = {"--socket",
-                                     daemon ? daemon->process->socket_path() : empty.Join("tesk"),
-                                     "--timeout", "600", command};
-    if (args.back() == "range") args.push_back("02:00:00:00:00:01");
-    if (signal != 0) {
-      EXPECT_EQ(SignalledTeskctl(args, *daemon, signal), exit_code);
-      EXPECT_TRUE(daemon->process->WaitForLog("Dispatcher: Aborted ID 1\n", kPatience));
-    } else {
-      const Teskctl teskctl(args);
-      EXPECT_EQ(teskctl.result.exit_code, exit_code) << teskctl.result.err;
-      EXPECT_THAT(teskctl.result.err, HasSubstr(message));
-    }
+                                     daemon ? daemon->process->socket_path() : empty.Join("tesk")};
+    args.insert(args.end(), command.begin(), command.end());
+    const Teskctl teskctl(args);
+    EXPECT_EQ(teskctl.result.exit_code, exit_code) << teskctl.result.err;
+    EXPECT_THAT(teskctl.result.err, HasSubstr(message));
   }
 }
 

@@ -227,6 +227,8 @@ TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
   };
   const std::string kSizes = "malformed frame: sizes do not add up to the frame";
   const std::string kNeverGiven = "malformed frame: release of references never given";
+  const std::string kBadCounts = "malformed frame: bad counts";
+  const std::string kReserved = "malformed frame: reserved field set";
   const std::string kSlow = "frame not whole within 300 ms";
   const struct {
     std::string why;  // the line logged
@@ -256,9 +258,21 @@ TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
        TARN_IPC_ERROR_TOO_DEEP},
       {"calls refused: 2 in flight already", Cat({block(1), block(2), block(3)}), 0, 0, 0, 0, false,
        TARN_IPC_ERROR_BUSY},
-      {"malformed frame: reserved field set", Bytes(64, 0xFF)},
+      {"malformed frame: unknown frame type", Frame({0, 0, 0, {}, 1, 0, 0, 0})},
+      {"malformed frame: output buffers are not supported",
+       Frame({0, kFrameInvoke, 1, {}, 1, 0, 0, 0x10})},
+      {"malformed frame: retain or release sent as a call",
+       Frame({0, kFrameInvoke, 1, {}, 1, 0, 0x1FFFE, 0})},
+      {kBadCounts, Frame({0, kFrameInvoke, 1, {}, 1, 0, 0, 0x10000})},
+      {kBadCounts, Frame({128, kFrameReply, 0, {}, 1, 0, 0, 16})},
+      {"malformed frame: bad release count", Frame({0, kFrameRelease, 0, {}, 0, 1, 0, 0})},
+      {kReserved, Bytes(64, 0xFF)},
+      {kReserved, Frame({0, kFrameReply, 1, {}, 1, 0, 0, 0})},  // the depth of an answer
+      {kReserved, Frame({0, kFrameReply, 0, {}, 1, 3, 0, 0})},  // the handle of an answer
+      {kReserved, Frame({0, kFrameRelease, 0, {}, 4, 1, 1, 0})},
       {"malformed frame: frame too large", Frame({0xFFFFFFF0u, kFrameInvoke, 0, {}, 1, 0, 0, 1})},
       {kSizes, Frame({18, kFrameInvoke, 0, {}, 1, 0, 0, 1}, {Raw(uint64_t{20}), Bytes(10)})},
+      {kSizes, Frame({7, kFrameInvoke, 1, {}, 1, 0, 0, 1}, {Bytes(7)})},  // shorter than its sizes
       // Sizes that wrap around to the 7 bytes carried.
       {kSizes,
        Frame({23, kFrameInvoke, 0, {}, 1, 0, 0, 2}, {Raw(~0ull), Raw(uint64_t{8}), Bytes(7)})},

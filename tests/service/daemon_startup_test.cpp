@@ -16,36 +16,33 @@ namespace {
 TEST(DaemonStartup, EachFailureIsLoggedOnceAndTheProcessStaysAlive) {
   const struct {
     const char* ipc_library;  // beside a copy of the daemon ("": none); null: no copy
-    bool provide_socket;
-    int socket_type;
+    int socket_type;          // 0: none
     std::vector<std::string> environment;
     const char* message;
   } cases[] = {
-      {"", true, SOCK_STREAM, {}, "Failed to load libtarnsocket"},
-      {"libtarnsocket_without_entry_points.so",
-       true,
-       SOCK_STREAM,
-       {},
-       "Shared library symbol not found"},
-      {nullptr, false, SOCK_STREAM, {}, "No service socket provided"},
+      {"", SOCK_STREAM, {}, "Failed to load libtarnsocket"},
+      {"libtarnsocket_without_entry_points.so", SOCK_STREAM, {}, "Shared library symbol not found"},
+      {nullptr, 0, {}, "No service socket provided"},
       // A number that is not an open socket in the daemon is no control socket.
-      {nullptr, false, SOCK_STREAM, {"ANDROID_SOCKET_tesk=0"}, "No service socket provided"},
-      {nullptr, true, SOCK_DGRAM, {}, "Failed to create service"},
+      {nullptr, 0, {"ANDROID_SOCKET_tesk=0"}, "No service socket provided"},
+      {nullptr, SOCK_DGRAM, {}, "Failed to create service"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
     TempDir dir;
-    DaemonProcess::Options options{"", c.environment, c.provide_socket, c.socket_type, "tesk=2"};
+    DaemonProcess::Options options{"", c.environment, c.socket_type, "tesk=2"};
     // The copy finds its libraries, the dlopen'ed one included, through $ORIGIN/../lib.
     const auto copy = [&dir](const std::string& from, const std::string& to) {
-      std::filesystem::create_directories(std::filesystem::path(dir.Join(to)).parent_path());
-      std::filesystem::copy_file(from, dir.Join(to));
+      std::filesystem::create_directories(dir.Join(to.substr(0, 3)));
+      std::filesystem::copy_file(BuiltBinary(from), dir.Join(to));
     };
     if (c.ipc_library != nullptr) {
       options.program = dir.Join("bin/tesk");
-      copy(BuiltBinary("tesk"), "bin/tesk");
-      copy(BuiltLibrary("libvela_client.so"), "lib/libvela_client.so");
-      if (*c.ipc_library != '\0') copy(BuiltLibrary(c.ipc_library), "lib/libtarnsocket.so");
+      copy("tesk", "bin/tesk");
+      copy("../lib/libvela_client.so", "lib/libvela_client.so");
+      if (*c.ipc_library != '\0') {
+        copy(std::string("../lib/") + c.ipc_library, "lib/libtarnsocket.so");
+      }
     }
     DaemonProcess daemon(options);
     ASSERT_TRUE(daemon.WaitForLog(std::string("E tesk: ") + c.message + "\n")) << daemon.Log();

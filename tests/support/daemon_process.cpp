@@ -22,14 +22,6 @@ extern char** environ;
 namespace tesk_test {
 namespace {
 
-std::string ExecutableDir() {
-  char path[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) throw std::runtime_error("readlink /proc/self/exe failed");
-  const std::string exe(path, static_cast<size_t>(n));
-  return exe.substr(0, exe.rfind('/'));
-}
-
 std::string ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(file), {});
@@ -76,12 +68,11 @@ sockaddr_un Address(const std::string& path) {
 }  // namespace
 
 std::string BuiltBinary(const std::string& name) {
-  return ExecutableDir() + "/" + name;
-}
-
-std::string BuiltLibrary(const std::string& file_name) {
-  const std::string bin = ExecutableDir();
-  return bin.substr(0, bin.rfind('/')) + "/lib/" + file_name;
+  char path[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (n <= 0) throw std::runtime_error("readlink /proc/self/exe failed");
+  const std::string exe(path, static_cast<size_t>(n));
+  return exe.substr(0, exe.rfind('/') + 1) + name;
 }
 
 std::string NativeProgram(const std::string& binary) {
@@ -104,7 +95,7 @@ DaemonProcess::DaemonProcess(Options options) : socket_path_(dir_.Join("tesk")) 
   extra.push_back("KY_LOG_LEVEL=" + options.log_levels);
   extra.push_back("ANDROID_SOCKET_tesk");
   int socket_fd = -1;
-  if (options.provide_socket) {
+  if (options.socket_type != 0) {
     socket_fd = socket(AF_UNIX, options.socket_type, 0);  // inherited: no SOCK_CLOEXEC
     const sockaddr_un address = Address(socket_path_);
     if (socket_fd < 0 ||

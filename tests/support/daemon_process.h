@@ -20,8 +20,7 @@ class DaemonProcess {
     std::string program;  // defaults to the built daemon
     // Extra environment, "NAME=value" (a bare NAME unsets it); the rest is inherited.
     std::vector<std::string> environment;
-    bool provide_socket = true;  // false: no ANDROID_SOCKET_tesk at all
-    int socket_type = SOCK_STREAM;
+    int socket_type = SOCK_STREAM;      // 0: no ANDROID_SOCKET_tesk at all
     std::string log_levels = "tesk=2";  // KY_LOG_LEVEL of the daemon
   };
 
@@ -57,9 +56,8 @@ class DaemonProcess {
   pid_t pid_ = -1;
 };
 
-// Path of a binary or library built in the same tree as the tests.
+// Path of a binary built in the same tree as the tests ("../lib/NAME" for a library).
 std::string BuiltBinary(const std::string& name);
-std::string BuiltLibrary(const std::string& file_name);
 
 // A path that other programs (a shell, hostinit) can start `binary` by: the
 // binary itself, or under an emulator a script that runs it there.
