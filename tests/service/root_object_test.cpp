@@ -21,17 +21,13 @@ std::vector<uint8_t> Id(uint32_t id) {
 
 // All answer 2; an unknown id clears the output, a malformed call leaves it.
 TEST(RootObject, UnknownIdsClearTheOutputMalformedCallsLeaveIt) {
-  const struct {
+  struct Case {
     uint32_t op, counts;
     std::vector<uint8_t> id;
     bool cleared;
-  } cases[] = {
-      {0, 0x1001, Id(0), true},
-      {0, 0x1001, Id(3), true},
-      {0, 0x1001, Id(29), true},
-      {0, 0x1001, Id(31), true},
-      {0, 0x1001, Id(0xFFFFFFFF), true},
-      {0x10000, 0x1001, Id(3), true},       // the op's low 16 bits
+  };
+  std::vector<Case> cases = {
+      {0x10000, 0x1001, Id(3), true},       // only the op's low 16 bits count
       {0, 0x1002, Id(1), false},            // two input buffers declared
       {0, 0x1000, Id(1), false},            // no input buffer
       {0, 0x1101, Id(1), false},            // an extra input object
@@ -40,13 +36,13 @@ TEST(RootObject, UnknownIdsClearTheOutputMalformedCallsLeaveIt) {
       {1, 0x1001, Id(1), false},            // no second method
       {0x10001, 0x1001, Id(1), false},      // low 16 bits are 1
   };
-  for (const auto& c : cases) {
-    std::vector<uint8_t> bytes = c.id;
+  for (uint32_t id : {0u, 3u, 29u, 31u, 0xFFFFFFFFu}) cases.push_back({0, 0x1001, Id(id), true});
+  for (Case& c : cases) {
     ObjectArg args[2];
-    args[0].b = {bytes.data(), bytes.size()};
+    args[0].b = {c.id.data(), c.id.size()};
     args[1].o = kSentinel;
     EXPECT_EQ(root_invoke(nullptr, c.op, args, c.counts), OBJECT_ERROR_INVALID)
-        << c.op << " " << c.counts << " " << bytes.size();
+        << c.op << " " << c.counts << " " << c.id.size();
     EXPECT_EQ(args[1].o.invoke, c.cleared ? nullptr : kSentinel.invoke);
     EXPECT_EQ(args[1].o.context, c.cleared ? nullptr : kSentinel.context);
   }

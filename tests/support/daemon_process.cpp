@@ -1,7 +1,6 @@
 #include "tests/support/daemon_process.h"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -68,11 +67,7 @@ sockaddr_un Address(const std::string& path) {
 }  // namespace
 
 std::string BuiltBinary(const std::string& name) {
-  char path[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) throw std::runtime_error("readlink /proc/self/exe failed");
-  const std::string exe(path, static_cast<size_t>(n));
-  return exe.substr(0, exe.rfind('/') + 1) + name;
+  return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / name).string();
 }
 
 std::string NativeProgram(const std::string& binary) {
