@@ -11,7 +11,6 @@
 
 #include "endpoint.h"
 #include "log.h"
-#include "slow_peers.h"
 #include "thread_context.h"
 
 namespace tarnsocket {
@@ -32,7 +31,7 @@ Connection::Connection(int fd, Side side, Endpoint* endpoint, uint64_t id)
   socklen_t len = sizeof cred;
   if (getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) peer_pid_ = cred.pid;
   waiters_.reserve(16);
-  probation_ = side_ == Side::kServer && RecentlySlowPeer(peer_pid_);
+  probation_ = side_ == Side::kServer && endpoint_->slow_peers().Recent(peer_pid_);
 }
 
 Connection::~Connection() {

@@ -36,6 +36,9 @@ class Endpoint;
 // How long a socket may stay unwatched while the worker that read a call
 // serves it; a call that takes longer gets its socket watched again.
 constexpr std::chrono::milliseconds kUnwatchedGrace{5};
+// However slowly the peer reads, it must take at least this many bytes per
+// millisecond (16 MiB/s) beyond the stall timeout.
+constexpr uint64_t kMinBytesPerMs = uint64_t{16} * 1024;
 
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
@@ -70,8 +73,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // The monitor's regular look: watches the socket again if a served call
   // has left it unwatched for longer than kUnwatchedGrace (at once if
-  // `ticking` is false), and ends the connection if a frame is overdue.
-  // True while a frame is partly read.
+  // `ticking` is false), ends the connection if a frame is overdue, and
+  // counts the strike of a call the process stopped waiting for early once
+  // the peer's own time for it is up. True while it needs looking at again.
   bool Sweep(Clock::time_point now, bool ticking);
 
   // Ends the connection; why, if not null, is logged. Every reference the
@@ -111,12 +115,22 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void DropInputs(InvokeFrame* frame);
   bool HandleRelease(const FrameHeader& header);
 
-  // Writing (connection_writing.cpp). Writes one frame of `bytes` bytes.
+  // Writing (connection_writing.cpp). Writes one frame of `bytes` bytes,
+  // after what is left of a frame an earlier writer did not finish.
   // *reading: the caller holds the read side, and gives it up (clearing
   // *reading) rather than block on a full socket with it, since the peer
-  // may be blocked writing to us in turn.
-  int Send(iovec* iov, int count, uint64_t bytes, bool* reading = nullptr);
+  // may be blocked writing to us in turn. At give_up the caller stops
+  // waiting: the rest is copied and a worker finishes it (-EINPROGRESS).
+  int Send(iovec* iov, int count, uint64_t bytes, bool* reading = nullptr,
+           Clock::time_point give_up = Clock::time_point::max());
+  // Release frames never wait for the socket: when another writer holds it
+  // (one that a slow reader holds up, say) they are queued, and whoever
+  // lets go of the socket next sends them.
   void SendRelease(uint32_t handle, uint32_t count);
+  void SendQueuedReleases();
+  // Send's writing, with write_mutex_ held by *lock, which it lets go.
+  int WriteLocked(std::unique_lock<std::mutex>* lock, iovec* iov, int count, uint64_t bytes,
+                  bool* reading, Clock::time_point give_up);
   // Answers a call with result and null output objects; false if the read
   // side had to be given up on the way.
   bool SendRefusal(const FrameHeader& call, int32_t result);
@@ -147,11 +161,22 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Calling (connection_calling.cpp).
   bool HandleReply(const FrameHeader& header, const ObjectRef* refs, Waiter* self, bool* mine);
   // A late answer to a call whose caller gave up: its objects are let go,
-  // and the next deferred call may go. False if no such call was made.
+  // and the next deferred call may go; *strikes is set if the answer came
+  // too late for a call the budget cut short. False if no such call was made.
   bool DiscardReplyLocked(const FrameHeader& header, const ObjectRef* refs,
-                          std::vector<Proxy*>* drop, bool* flush);
-  // self's answer did not come in time; returns the call's result.
-  int32_t GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* self);
+                          std::vector<Proxy*>* drop, bool* flush, size_t* strikes);
+  // self's answer did not come in time; returns the call's result. cut:
+  // the process's wait budget ended the wait, not the peer's own limit,
+  // which comes at `due`.
+  int32_t GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* self, bool cut,
+                        Clock::time_point due);
+  // Counts a strike; returns the strikes within the window.
+  size_t StrikeLocked(Clock::time_point now);
+  // Warns of strike number `strikes`, or ends the connection at the last.
+  void ReportStrike(size_t strikes);
+  // Counts the strike of a call the budget cut short once its peer's time
+  // is up without an answer; true while such a call waits for its time.
+  bool SweepUnproven(Clock::time_point now);
   // On probation: the call is encoded now and sent later, in order, by a
   // worker; the caller does not wait.
   int32_t Defer(uint32_t handle, uint32_t op, uint32_t counts, const uint64_t* sizes,
@@ -169,6 +194,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   pid_t peer_pid_ = 0;
 
   std::mutex write_mutex_;  // one frame at a time on the socket
+  // What a writer that stopped waiting left of its frame; whoever writes
+  // next sends it first. Under write_mutex_.
+  std::vector<uint8_t> unsent_;
+  std::mutex releases_mutex_;
+  std::vector<uint8_t> queued_releases_;
+  std::atomic<bool> releases_queued_{false};
 
   // Only the holder of the read side touches it (Overdue excepted).
   FrameReader reader_;
@@ -192,7 +223,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // the peer answers one in time again.
   struct Deferred {
     std::vector<uint8_t> bytes;
-    uint32_t call_id;
+    uint32_t call_id;  // 0: a release frame
   };
   bool probation_ = false;
   std::deque<Deferred> deferred_;
@@ -200,6 +231,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool flushing_ = false;
   uint32_t outstanding_ = 0;           // the call sent on probation, unanswered
   Clock::time_point outstanding_due_;  // an answer by then ends the probation
+  // The outstanding call is one the budget cut short: the peer earns its
+  // strike only if no answer comes by outstanding_due_. The monitor reads
+  // the due time (ns, 0 for none) without the lock.
+  bool unproven_ = false;
+  std::atomic<int64_t> unproven_due_ns_{0};
   bool logged_busy_ = false;
   bool logged_exports_ = false;
   bool logged_depth_ = false;

@@ -8,6 +8,7 @@
 #include "endpoint.h"
 #include "tarnsocket/tarn_ipc.h"
 #include "thread_context.h"
+#include "wait_budget.h"
 
 namespace tarnsocket {
 namespace {
@@ -86,8 +87,23 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
   for (unsigned i = 0; i < in_bufs; ++i) {
     if (sizes[i] > 0) iov[count++] = iovec{args[i].b.ptr, static_cast<size_t>(sizes[i])};
   }
-  const int sent = Send(iov, count, total + sizeof(FrameHeader), &reading);
-  waiter.deadline = After(peer_timeout_ms_);
+  // A service's own threads wait on a client no longer than the process's
+  // budget allows, unless that is as long as the client's own limit anyway.
+  // A call made while serving one of the client's calls holds only a worker
+  // that the client keeps busy itself, and the client waits for its result.
+  const Clock::time_point start = Clock::now();
+  const bool budgeted = side_ == Side::kServer && depth == 1;
+  Clock::time_point give_up = Clock::time_point::max();
+  if (budgeted) {
+    const Clock::duration left = WaitBudget::Instance().Left();
+    if (left < std::chrono::milliseconds(peer_timeout_ms_)) give_up = start + left;
+  }
+  const uint64_t bytes = total + sizeof(FrameHeader);
+  const int sent = Send(iov, count, bytes, &reading, give_up);
+  // The peer's own time: the answer after the whole frame is written.
+  const Clock::time_point due =
+      After(peer_timeout_ms_ + (sent == -EINPROGRESS ? bytes / kMinBytesPerMs : 0));
+  waiter.deadline = std::min(due, give_up);
 
   std::unique_lock<std::mutex> lock(mutex_);
   if (sent == 0) {
@@ -107,6 +123,9 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
       waiter.cv.wait_until(lock, waiter.deadline);
     }
   }
+  const bool cut =
+      !waiter.done && !closed_ && (sent == -EINPROGRESS || (sent == 0 && waiter.deadline < due));
+  if (budgeted) WaitBudget::Instance().Spend(start, cut);
   if (!waiter.done) {
     auto it = std::find(waiters_.begin(), waiters_.end(), &waiter);
     if (it != waiters_.end()) waiters_.erase(it);
@@ -114,8 +133,8 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
     // that a reader handed it to.
     if (!reader_busy_) GiveUpReadSideLocked();
     if (sent == -ETIMEDOUT || sent == -ETIME) return TARN_IPC_ERROR_TIMEOUT;
-    if (sent != 0 || closed_) return TARN_IPC_ERROR_DEAD;
-    return GiveUpWaiting(&lock, &waiter);
+    if ((sent != 0 && !cut) || closed_) return TARN_IPC_ERROR_DEAD;
+    return GiveUpWaiting(&lock, &waiter, cut, due);
   }
   lock.unlock();
   for (unsigned i = 0; i < out_objs; ++i) {
@@ -134,6 +153,7 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
   const char* bad = nullptr;
   std::vector<Proxy*> drop;
   bool flush = false;
+  size_t strikes = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = std::find_if(waiters_.begin(), waiters_.end(),
@@ -145,7 +165,7 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
       if (entry == nullptr || entry->sent == 0) bad = "unknown handle passed back";
     }
     if (bad == nullptr && it == waiters_.end()) {
-      if (!DiscardReplyLocked(header, refs, &drop, &flush)) bad = "answer to no call";
+      if (!DiscardReplyLocked(header, refs, &drop, &flush, &strikes)) bad = "answer to no call";
     } else if (bad == nullptr && (*it)->out_objs != header.counts) {
       bad = "answer with the wrong number of objects";
     } else if (bad == nullptr) {
@@ -178,6 +198,7 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
     }
   }
   for (Proxy* proxy : drop) ReleaseProxy(proxy);
+  if (strikes != 0) ReportStrike(strikes);
   if (flush) {
     std::shared_ptr<Connection> self_ref = shared_from_this();
     endpoint_->Dispatch([self_ref] { self_ref->FlushDeferred(); });

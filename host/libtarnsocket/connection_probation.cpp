@@ -4,13 +4,14 @@
 // in order, one at a time: a worker sends each once the previous one is
 // answered. An answer in time ends the probation; strikes close together,
 // or calls piling up unanswered, end the connection. A process that was
-// slow starts its next connections on probation for a while.
+// slow starts its next connections on probation for a while. A wait that
+// the process's budget (wait_budget.h) cut short puts the client on
+// probation too, but it earns a strike only if it then misses its own time.
 #include <algorithm>
 
 #include "connection.h"
 #include "endpoint.h"
 #include "log.h"
-#include "slow_peers.h"
 #include "tarnsocket/tarn_ipc.h"
 
 namespace tarnsocket {
@@ -24,7 +25,8 @@ constexpr uint64_t kMaxDeferredBytes = uint64_t{4} << 20;
 
 }  // namespace
 
-int32_t Connection::GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* self) {
+int32_t Connection::GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* self, bool cut,
+                                  Clock::time_point due) {
   if (side_ == Side::kClient) {
     lock->unlock();
     CloseWithLog("no answer within %u ms", peer_timeout_ms_);
@@ -34,14 +36,28 @@ int32_t Connection::GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* se
   if (abandoned_.size() > kMaxAbandoned) abandoned_.pop_front();
   // Later calls wait for this answer before they go out.
   probation_ = true;
-  RememberSlowPeer(peer_pid_);
   outstanding_ = self->call_id;
-  outstanding_due_ = Clock::now();
   const Clock::time_point now = Clock::now();
+  // An answer in the peer's own time still ends a probation the budget
+  // caused; the monitor counts the strike if none comes.
+  outstanding_due_ = cut ? due : now;
+  unproven_ = cut;
+  unproven_due_ns_.store(cut ? due.time_since_epoch().count() : 0);
+  const size_t strikes = cut ? 0 : StrikeLocked(now);
+  lock->unlock();
+  if (cut) endpoint_->WantSweep();
+  if (!cut) ReportStrike(strikes);
+  return TARN_IPC_ERROR_TIMEOUT;
+}
+
+size_t Connection::StrikeLocked(Clock::time_point now) {
+  endpoint_->slow_peers().Remember(peer_pid_);
   strikes_.push_back(now);
   while (now - strikes_.front() > std::chrono::milliseconds(kStrikeWindowMs)) strikes_.pop_front();
-  const size_t strikes = strikes_.size();
-  lock->unlock();
+  return strikes_.size();
+}
+
+void Connection::ReportStrike(size_t strikes) {
   if (strikes >= limits_.callback_strikes) {
     CloseWithLog("%zu calls got no answer within %u ms", strikes, peer_timeout_ms_);
   } else {
@@ -50,7 +66,6 @@ int32_t Connection::GiveUpWaiting(std::unique_lock<std::mutex>* lock, Waiter* se
         "until it answers in time",
         peer_pid_, peer_timeout_ms_, strikes, limits_.callback_strikes);
   }
-  return TARN_IPC_ERROR_TIMEOUT;
 }
 
 int32_t Connection::Defer(uint32_t handle, uint32_t op, uint32_t counts, const uint64_t* sizes,
@@ -109,11 +124,12 @@ void Connection::FlushDeferred() {
       call = std::move(deferred_.front());
       deferred_.pop_front();
       deferred_bytes_ -= call.bytes.size();
-      outstanding_ = call.call_id;
-      abandoned_.push_back(call.call_id);
-      if (abandoned_.size() > kMaxAbandoned) abandoned_.pop_front();
-      outstanding_due_ = After(peer_timeout_ms_) +
-                         std::chrono::milliseconds(call.bytes.size() / (size_t{16} * 1024));
+      if (call.call_id != 0) {  // else a release, which has no answer
+        outstanding_ = call.call_id;
+        abandoned_.push_back(call.call_id);
+        if (abandoned_.size() > kMaxAbandoned) abandoned_.pop_front();
+        outstanding_due_ = After(peer_timeout_ms_ + call.bytes.size() / kMinBytesPerMs);
+      }
     }
     iovec iov{call.bytes.data(), call.bytes.size()};
     if (Send(&iov, 1, call.bytes.size()) != 0) return;
@@ -121,7 +137,7 @@ void Connection::FlushDeferred() {
 }
 
 bool Connection::DiscardReplyLocked(const FrameHeader& header, const ObjectRef* refs,
-                                    std::vector<Proxy*>* drop, bool* flush) {
+                                    std::vector<Proxy*>* drop, bool* flush, size_t* strikes) {
   auto it = std::find(abandoned_.begin(), abandoned_.end(), header.call_id);
   if (it == abandoned_.end()) return false;
   abandoned_.erase(it);
@@ -135,12 +151,31 @@ bool Connection::DiscardReplyLocked(const FrameHeader& header, const ObjectRef* 
     drop->push_back(proxy);
   }
   if (header.call_id == outstanding_) {
+    const Clock::time_point now = Clock::now();
     outstanding_ = 0;
-    if (deferred_.empty() && Clock::now() <= outstanding_due_) probation_ = false;
+    if (unproven_ && now > outstanding_due_) *strikes = StrikeLocked(now);
+    unproven_ = false;
+    unproven_due_ns_.store(0);
+    if (deferred_.empty() && now <= outstanding_due_) probation_ = false;
     *flush = !deferred_.empty() && !flushing_ && !closed_;
     flushing_ = flushing_ || *flush;
   }
   return true;
+}
+
+bool Connection::SweepUnproven(Clock::time_point now) {
+  const int64_t due = unproven_due_ns_.load();
+  if (due == 0) return false;
+  if (now.time_since_epoch().count() <= due) return true;
+  size_t strikes = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (unproven_ && !closed_ && now > outstanding_due_) strikes = StrikeLocked(now);
+    unproven_ = false;
+    unproven_due_ns_.store(0);
+  }
+  if (strikes != 0) ReportStrike(strikes);
+  return false;
 }
 
 }  // namespace tarnsocket

@@ -124,7 +124,8 @@ bool Connection::Sweep(Clock::time_point now, bool ticking) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (unwatched_since_ns_.load() != 0 && !reader_busy_) ArmLocked();
   }
-  if (!reader_.InFrame()) return false;
+  const bool unproven = SweepUnproven(now);
+  if (!reader_.InFrame()) return unproven;
   if (reader_.Overdue(now)) {
     {
       std::lock_guard<std::mutex> lock(mutex_);

@@ -3,40 +3,60 @@
 #include <errno.h>
 #include <string.h>
 
+#include <memory>
+
 #include "connection.h"
+#include "endpoint.h"
 
 namespace tarnsocket {
-namespace {
 
-// However slowly the peer reads, it must take at least this many bytes per
-// millisecond (16 MiB/s) beyond the stall timeout.
-constexpr uint64_t kMinBytesPerMs = uint64_t{16} * 1024;
-
-}  // namespace
-
-int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading) {
-  int rc;
-  const uint64_t allowed_ms = peer_timeout_ms_ + bytes / kMinBytesPerMs;
-  {
-    std::unique_lock<std::mutex> lock(write_mutex_, std::try_to_lock);
-    if (!lock.owns_lock()) {
-      // Another writer may be waiting for the peer to read, and the peer
-      // for us to read: never wait with the read side held.
-      if (reading != nullptr && *reading) {
-        *reading = false;
-        GiveUpReadSide();
-      }
-      lock.lock();
-    }
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(allowed_ms);
-    const bool holding = reading != nullptr && *reading;
-    rc = SendAll(fd_, &iov, &count, peer_timeout_ms_, deadline, holding);
-    if (rc == -EAGAIN) {
+int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading,
+                     Clock::time_point give_up) {
+  std::unique_lock<std::mutex> lock(write_mutex_, std::try_to_lock);
+  if (!lock.owns_lock()) {
+    // Another writer may be waiting for the peer to read, and the peer
+    // for us to read: never wait with the read side held.
+    if (reading != nullptr && *reading) {
       *reading = false;
       GiveUpReadSide();
-      rc = SendAll(fd_, &iov, &count, peer_timeout_ms_, deadline, false);
+    }
+    lock.lock();
+  }
+  return WriteLocked(&lock, iov, count, bytes, reading, give_up);
+}
+
+int Connection::WriteLocked(std::unique_lock<std::mutex>* lock, iovec* iov, int count,
+                            uint64_t bytes, bool* reading, Clock::time_point give_up) {
+  iovec all[kMaxSlots + 2];
+  iovec* next = all;
+  int left = 0;
+  if (!unsent_.empty()) all[left++] = iovec{unsent_.data(), unsent_.size()};
+  for (int i = 0; i < count; ++i) all[left++] = iov[i];
+  bytes += unsent_.size();
+  const uint64_t allowed_ms = peer_timeout_ms_ + bytes / kMinBytesPerMs;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(allowed_ms);
+  const bool holding = reading != nullptr && *reading;
+  int rc = SendAll(fd_, &next, &left, peer_timeout_ms_, deadline, holding, give_up);
+  if (rc == -EAGAIN) {
+    *reading = false;
+    GiveUpReadSide();
+    rc = SendAll(fd_, &next, &left, peer_timeout_ms_, deadline, false, give_up);
+  }
+  std::vector<uint8_t> rest;
+  if (rc == -EINPROGRESS) {
+    for (int i = 0; i < left; ++i) {
+      const auto* from = static_cast<const uint8_t*>(next[i].iov_base);
+      rest.insert(rest.end(), from, from + next[i].iov_len);
     }
   }
+  unsent_.swap(rest);
+  lock->unlock();
+  if (rc == -EINPROGRESS) {
+    std::shared_ptr<Connection> self = shared_from_this();
+    endpoint_->Dispatch([self] { self->Send(nullptr, 0, 0); });
+    return rc;
+  }
+  if (releases_queued_.load()) SendQueuedReleases();
   if (rc == -ETIMEDOUT) {
     CloseWithLog("peer took no data for %u ms", peer_timeout_ms_);
   } else if (rc == -ETIME) {
@@ -46,7 +66,7 @@ int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading) {
   } else if (rc != 0) {
     bool quiet;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      std::lock_guard<std::mutex> state(mutex_);
       quiet = closed_;
     }
     // A peer that went away is not news; anything else is.
@@ -62,8 +82,43 @@ int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading) {
 void Connection::SendRelease(uint32_t handle, uint32_t count) {
   uint8_t head[sizeof(FrameHeader)];
   const size_t size = EncodeRelease(head, handle, count);
-  iovec iov{head, size};
-  Send(&iov, 1, size);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Calls still to go out may be calls of this very object: the release
+    // goes after them.
+    if (flushing_ || !deferred_.empty()) {
+      deferred_.push_back(Deferred{std::vector<uint8_t>(head, head + size), 0});
+      deferred_bytes_ += size;
+      return;
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(releases_mutex_);
+    queued_releases_.insert(queued_releases_.end(), head, head + size);
+    releases_queued_.store(true);
+  }
+  SendQueuedReleases();
+}
+
+void Connection::SendQueuedReleases() {
+  // A writer that fails to take the socket here has queued its frames
+  // before; the holder looks again after letting go, and sees them.
+  while (releases_queued_.load()) {
+    std::unique_lock<std::mutex> lock(write_mutex_, std::try_to_lock);
+    // With part of a frame unsent, the worker that sends the rest sends
+    // these after it.
+    if (!lock.owns_lock() || !unsent_.empty()) return;
+    std::vector<uint8_t> frames;
+    {
+      std::lock_guard<std::mutex> queued(releases_mutex_);
+      frames.swap(queued_releases_);
+      releases_queued_.store(false);
+    }
+    iovec iov{frames.data(), frames.size()};
+    // Written without waiting (give up at once, the epoch being long past):
+    // what the socket does not take now a worker sends.
+    if (WriteLocked(&lock, &iov, 1, frames.size(), nullptr, Clock::time_point()) != 0) return;
+  }
 }
 
 bool Connection::SendRefusal(const FrameHeader& call, int32_t result) {

@@ -19,6 +19,8 @@
 
 #include <tesk/object.h>
 
+#include "slow_peers.h"
+
 namespace tarnsocket {
 
 class Connection;
@@ -47,6 +49,8 @@ class Endpoint {
   void Forget(int fd);
 
   void Dispatch(std::function<void()> task);
+
+  SlowPeers& slow_peers() { return slow_peers_; }
 
   // Whether the monitor is looking at its connections every few
   // milliseconds, as it does while calls come in.
@@ -96,6 +100,8 @@ class Endpoint {
   bool stopping_ = false;
   uint64_t next_id_ = 16;
   std::unordered_map<uint64_t, std::shared_ptr<Connection>> connections_;
+
+  SlowPeers slow_peers_;
 
   std::mutex pool_mutex_;
   std::condition_variable pool_cv_;

@@ -43,6 +43,11 @@ Limits ReadLimits() {
   // The frame carries the depth in one byte.
   limits.max_call_depth = static_cast<uint32_t>(
       FromEnvironment("TARN_MAX_CALL_DEPTH", TARN_IPC_DEFAULT_MAX_CALL_DEPTH, 255));
+  limits.wait_budget_ms = static_cast<uint32_t>(
+      FromEnvironment("TARN_WAIT_BUDGET_MS", TARN_IPC_DEFAULT_WAIT_BUDGET_MS, kDay));
+  // A refill of a second a second would be no budget at all.
+  limits.wait_refill_ms = static_cast<uint32_t>(
+      FromEnvironment("TARN_WAIT_REFILL_MS", TARN_IPC_DEFAULT_WAIT_REFILL_MS, 999));
   return limits;
 }
 

@@ -27,6 +27,10 @@ struct Limits {
   uint32_t max_exports;
   // Calls nested inside served calls, across every process of the chain.
   uint32_t max_call_depth;
+  // The process's budget for waiting on clients (wait_budget.h): capacity
+  // and refill per second.
+  uint32_t wait_budget_ms;
+  uint32_t wait_refill_ms;
 };
 
 constexpr uint32_t kStrikeWindowMs = 30000;

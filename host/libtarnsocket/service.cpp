@@ -12,7 +12,9 @@
 
 #include "endpoint.h"
 #include "log.h"
+#include "peer_limits.h"
 #include "tarnsocket/tarn_ipc.h"
+#include "wait_budget.h"
 
 namespace tarnsocket {
 namespace {
@@ -75,6 +77,8 @@ __attribute__((visibility("default"))) void* TarnIPC_startServiceOnSocket(int fd
                                                                           void* context) {
   if (invoke == nullptr || !tarnsocket::CanServe(fd)) return nullptr;
   tarnsocket::KeepOneHeap();
+  const tarnsocket::Limits limits = tarnsocket::ReadLimits();
+  tarnsocket::WaitBudget::Instance().Configure(limits.wait_budget_ms, limits.wait_refill_ms);
   // Owned by g_services once started, for the life of the process.
   // NOLINTNEXTLINE(cppcoreguidelines-owning-memory)
   Endpoint* endpoint = new (std::nothrow) Endpoint(fd, Object{invoke, context});

@@ -32,7 +32,7 @@ bool SetShortReceiveWait(int fd) {
 }
 
 int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, Clock::time_point deadline,
-            bool dont_wait) {
+            bool dont_wait, Clock::time_point give_up) {
   *iov = Advance(*iov, count, 0);
   Clock::time_point stall = After(stall_ms);
   while (*count > 0) {
@@ -48,11 +48,13 @@ int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, Clock::time_poin
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
     if (dont_wait) return -EAGAIN;
-    const Clock::time_point until = std::min(stall, deadline);
+    const Clock::time_point until = std::min({stall, deadline, give_up});
     pollfd pfd{fd, POLLOUT, 0};
     const int ready = poll(&pfd, 1, MillisecondsUntil(until));
     if (ready < 0 && errno != EINTR) return -errno;
-    if (ready == 0 && Clock::now() >= until) return until == stall ? -ETIMEDOUT : -ETIME;
+    if (ready == 0 && Clock::now() >= until) {
+      return until == give_up ? -EINPROGRESS : until == stall ? -ETIMEDOUT : -ETIME;
+    }
   }
   return 0;
 }

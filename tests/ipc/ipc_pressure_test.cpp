@@ -1,8 +1,9 @@
 // One client cannot hold up the others: many connections trickling their
 // frames, clients whose callbacks answer late, never answer or never read,
 // and a process out of descriptors, each against a bystander that keeps
-// being served. Bounds are generous: they separate a bounded delay from
-// the unbounded waits these peers used to cause.
+// being served; and buffers kept for reuse stay bounded. Bounds are
+// generous: they separate a bounded delay from the unbounded waits these
+// peers used to cause.
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "buffer_pool.h"
 #include "frame.h"
 #include "gtest/gtest.h"
 #include "harness.h"
@@ -35,6 +37,64 @@ Bytes StoreCallbackFrame() {
   memcpy(bytes.data(), &header, sizeof header);
   memcpy(bytes.data() + sizeof header, &callback, sizeof callback);
   return bytes;
+}
+
+// However many clients leave the service waiting at once, together they
+// cost it one budget, not one wait each. A fast client whose wait the
+// budget cut short is not held to account and is waited for again once the
+// budget is back; a silent one gets its strike (here the only one allowed)
+// when its own time is up.
+TEST(IpcPressureTest, SlowClientsShareOneWaitBudget) {
+  constexpr int kSilent = 20;
+  setenv("TARN_CALLBACK_TIMEOUT_MS", "1000", 1);
+  setenv("TARN_CALLBACK_STRIKES", "1", 1);
+  setenv("TARN_WAIT_REFILL_MS", "500", 1);
+  Served served;
+  std::atomic<bool> done{false};
+  Counted silent, bystander;
+  silent.on_call = [&](uint32_t, ObjectArg*, uint32_t) {
+    while (!done) Pause();
+    return 0;
+  };
+  std::vector<Object> roots, callbacks;
+  for (int i = 0; i <= kSilent; ++i) {
+    roots.push_back(served.Connect());
+    ASSERT_EQ(Store(roots.back(), (i < kSilent ? silent : bystander).AsObject()), 0);
+    callbacks.push_back(served.Stored());
+    ObjectRetain(callbacks.back());
+  }
+  for (const char* name :
+       {"TARN_CALLBACK_TIMEOUT_MS", "TARN_CALLBACK_STRIKES", "TARN_WAIT_REFILL_MS"})
+    unsetenv(name);
+  testing::internal::CaptureStderr();
+  ObjectArg args[1] = {Buf(nullptr, 0)};
+  const auto start = Clock::now();
+  for (Object callback : callbacks) Call(callback, 0, args, 1);
+  EXPECT_LT(Clock::now() - start, milliseconds(kSilent * 1000 / 4));  // one wait each: 20 s
+  bystander.AwaitCalls(1);
+  int32_t result = TARN_IPC_ERROR_TIMEOUT;
+  for (int i = 0; i < 200 && result != 7; ++i) {
+    std::this_thread::sleep_for(milliseconds(20));
+    result = Call(callbacks.back(), 0, args, 1);
+  }
+  EXPECT_EQ(result, 7);
+  for (int i = 0; i < kSilent; ++i) {
+    result = TARN_IPC_ERROR_TIMEOUT;
+    for (int tries = 0; tries < 40 && result != TARN_IPC_ERROR_DEAD; ++tries) {
+      std::this_thread::sleep_for(milliseconds(200));
+      result = Call(callbacks[size_t(i)], 0, args, 1);
+    }
+    EXPECT_EQ(result, TARN_IPC_ERROR_DEAD);
+  }
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(Count(log, "W tarnsocket: waiting on clients: the process's budget of 200 ms"), 1u)
+      << log;
+  EXPECT_EQ(Count(log, "closed: 1 calls got no answer within 1000 ms"), size_t{kSilent}) << log;
+  done = true;
+  for (Object object : callbacks) ObjectRelease(object);
+  for (Object object : roots) ObjectRelease(object);
+  EXPECT_EQ(bystander.Settle(), 0);
+  EXPECT_EQ(silent.Settle(), 0);
 }
 
 // More connections than the service has workers each send a frame one byte
@@ -74,13 +134,15 @@ TEST(IpcPressureTest, SlowSendersHoldNoWorker) {
 
 // The service delivers to each client in turn from one thread, as an event
 // source does. Clients that answer late, never answer or never read cost
-// that thread one wait each, not one per delivery; the bystander gets every
-// delivery; late answers are dropped quietly. A client that is slow again
-// each time it has been forgiven is disconnected at its third strike.
+// that thread one wait each, not one per delivery (given a budget for
+// waiting that does not bite first); the bystander gets every delivery;
+// late answers are dropped quietly. A client that is slow again each time
+// it has been forgiven is disconnected at its third strike.
 TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
   constexpr int kRounds = 20;
   constexpr milliseconds kWait{300};
   setenv("TARN_CALLBACK_TIMEOUT_MS", "300", 1);
+  setenv("TARN_WAIT_BUDGET_MS", "600000", 1);
   Served served;
   std::atomic<bool> done{false}, slow{false};
   Counted late, silent, fickle, bystander;
@@ -110,6 +172,7 @@ TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
   callbacks.push_back(served.Stored());
   ObjectRetain(callbacks.back());
   unsetenv("TARN_CALLBACK_TIMEOUT_MS");
+  unsetenv("TARN_WAIT_BUDGET_MS");
 
   testing::internal::CaptureStderr();
   const Bytes small(64, 1), large(1u << 20, 2);
@@ -169,6 +232,27 @@ TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
   for (Counted* client : {&late, &silent, &fickle, &bystander, &newcomer}) {
     EXPECT_EQ(client->Settle(), 0);
   }
+}
+
+// Large call buffers kept for reuse stay within their limit in total, and
+// go back to the kernel once idle (the pool is driven here with its own
+// clock, so nothing waits).
+TEST(IpcPressureTest, KeptBuffersStayWithinTheirLimitAndGoWhenIdle) {
+  setenv("TARN_KEPT_BUFFER_BYTES", "1048576", 1);  // read on first use
+  BufferPool& pool = BufferPool::Instance();
+  std::vector<Arena> arenas(8);
+  for (Arena& arena : arenas) ASSERT_TRUE(pool.Take(256 << 10, &arena));
+  const uint64_t each = arenas[0].capacity();
+  for (Arena& arena : arenas) pool.Give(std::move(arena));
+  EXPECT_LE(pool.kept(), uint64_t{1} << 20);
+  EXPECT_GT(pool.kept(), (uint64_t{1} << 20) - each);
+  Arena reused;
+  ASSERT_TRUE(pool.Take(200 << 10, &reused));
+  EXPECT_EQ(reused.capacity(), each);  // taken from the pool
+  EXPECT_TRUE(pool.Trim(Clock::now()));
+  EXPECT_FALSE(pool.Trim(Clock::now() + kBufferIdle));
+  EXPECT_EQ(pool.kept(), 0u);
+  unsetenv("TARN_KEPT_BUFFER_BYTES");
 }
 
 // Out of descriptors, the service stops accepting for a while instead of

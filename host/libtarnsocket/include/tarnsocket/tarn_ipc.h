@@ -42,6 +42,13 @@ extern "C" {
 /* Calls nested inside served calls; deeper ones fail at once with
  * TARN_IPC_ERROR_TOO_DEEP. At most 255. */
 #define TARN_IPC_DEFAULT_MAX_CALL_DEPTH 32
+/* What the whole process may spend waiting on its clients' answers (and on
+ * their reading), shared by every connection of every service: at most this
+ * much at once, refilled by TARN_IPC_DEFAULT_WAIT_REFILL_MS every second. A
+ * wait the budget cuts short leaves the call to be answered in the
+ * background, like a call on probation. Read when a service starts. */
+#define TARN_IPC_DEFAULT_WAIT_BUDGET_MS 200
+#define TARN_IPC_DEFAULT_WAIT_REFILL_MS 100
 /* Received-call buffers kept for reuse by the whole process. */
 #define TARN_IPC_DEFAULT_KEPT_BUFFER_BYTES (16u << 20)
 
