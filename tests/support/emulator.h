@@ -39,13 +39,6 @@ inline int ElfMachine(const char* file) {
 // (words separated by spaces) in front of a program built for the target.
 inline std::vector<std::string> NativeCommand(std::vector<std::string> argv) {
 #ifdef TESK_TEST_EMULATOR
-  if (!argv.empty() && argv[0] == "/proc/self/exe") {
-    // For the kernel that link is the emulator; the emulator answers with the
-    // binary it runs.
-    char path[4096];
-    const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-    if (n > 0) argv[0].assign(path, static_cast<size_t>(n));
-  }
   // Built for the machine this process is built for (which the emulator
   // shows as its own /proc/self/exe), the program needs the emulator too.
   const int mine = ElfMachine("/proc/self/exe");
