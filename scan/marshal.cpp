@@ -22,12 +22,11 @@ constexpr uint8_t kUnextendableLength = 255;
 // element, appended to the byte pool. Returns its size.
 uint32_t AppendElement(CommonResponseData& out, const VELAInfoElement& element, uint8_t length_byte,
                        const uint8_t* trailing) {
-  const signed char head[2] = {static_cast<signed char>(element.id),
-                               static_cast<signed char>(length_byte)};
-  out.bytes.append(head, 2);
+  out.bytes.push_back(static_cast<signed char>(element.id));
+  out.bytes.push_back(static_cast<signed char>(length_byte));
   out.bytes.append(reinterpret_cast<const signed char*>(element.data), element.len);
   if (trailing == nullptr) return element.len + 2u;
-  out.bytes.append(reinterpret_cast<const signed char*>(trailing), 1);
+  out.bytes.push_back(static_cast<signed char>(*trailing));
   return element.len + 3u;
 }
 

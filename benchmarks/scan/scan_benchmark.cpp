@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -286,12 +287,13 @@ void Measure(const Plan& plan, bool quick) {
   }
   service_clock.reset();
 
-  // Counted apart from the timing, each side on its own, after a few times
-  // as many scans in the same back-to-back rhythm: there one scan's response
-  // is still being deleted while the next is built, and it takes the heap a
-  // few such scans to settle at what both need.
-  const int counted = plan.per_repetition;
-  for (int i = 0; i < 5 * counted; ++i, ++scans) {
+  // Counted apart from the timing, each side on its own, over at least 30
+  // scans and after as many in the same back-to-back rhythm: there one
+  // scan's response is still being deleted while the next is built, and the
+  // heap takes a few such scans to settle at what both need (now and then
+  // it still grows once more, a one-off that fewer scans would overstate).
+  const int counted = std::max(plan.per_repetition, 30);
+  for (int i = 0; i < counted; ++i, ++scans) {
     if (client.Scan() < 0) return Fail("scan " + label, "a scan failed");
   }
   const bench::ProcessCounters daemon_before = bench::ReadCounters(daemon_pid);
