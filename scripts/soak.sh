@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Runs the daemon under many clients at once (tests/soak):
-#   faults:   clients scanning, ranging, releasing early, killed mid-scan or
-#             mid-registration, slow, silent, not reading, sending malformed
-#             frames, while the simulated location service injects faults;
+#   faults:   clients scanning, ranging, releasing early, holding registrations,
+#             slow, silent or not reading, some killed from outside, while the
+#             simulated location service injects faults;
 #   pressure: 1,000 slow senders, 50 late, silent or non-reading callback
 #             clients and memory-pinning clients while teskctl scans.
 # Each prints its figures and fails when the daemon did not come back to its
