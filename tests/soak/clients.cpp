@@ -161,12 +161,19 @@ teskclient::EncodedRangingScan RangingScan(size_t targets, bool periodic) {
 }
 
 // Starts one scan with a fresh callback, discovery or ranging of `targets`
-// (0: 1 to 20), with random parameters.
+// (0: 1 to 20), with random parameters, or registers the callback for
+// disconnect events; *handle is the scan's handle or the token.
 int32_t StartScan(Client& client, int delay_ms, size_t targets, Object* handle) {
-  const Object callback = client.NewCallback(delay_ms);
-  *handle = kNullObject;
+  ObjectArg args[2];
+  args[0].o = client.NewCallback(delay_ms);
+  const Object callback = args[0].o;
+  *handle = args[1].o = kNullObject;
   int32_t result;
-  if (client.interface_id == kInterfaceDiscoveryScan) {
+  if (client.interface_id == kInterfaceDeauthMonitor) {
+    result = client.service.invoke(client.service.context, OBJECT_OP_METHOD, args,
+                                   kDeauthRegisterCounts);
+    *handle = args[1].o;
+  } else if (client.interface_id == kInterfaceDiscoveryScan) {
     teskclient::DiscoveryScanPlan plan;
     std::minstd_rand& r = client.random;
     // Mode 3 is unknown: refused.
@@ -219,38 +226,6 @@ int ScanLoop(const std::string& role, const RoleOptions& options, const ScanRole
     }
   }
   return client.Finish(role);
-}
-
-// Registers a fresh callback for disconnect events: the monitor's answer,
-// and the token in *token.
-int32_t Register(Client& client, Object* token) {
-  ObjectArg args[2];
-  args[0].o = client.NewCallback(0);
-  args[1].o = kNullObject;
-  const int32_t result =
-      client.service.invoke(client.service.context, OBJECT_OP_METHOD, args, kDeauthRegisterCounts);
-  *token = args[1].o;
-  return result;
-}
-
-// Holds registrations for a moment each.
-int Deauth(const RoleOptions& options) {
-  Client client(options, kInterfaceDeauthMonitor);
-  while (TimeLeft(client.deadline)) {
-    if (!client.Open()) continue;
-    Object token;
-    const int32_t result = Register(client, &token);
-    if (result < 0) {
-      client.Lost();
-      continue;
-    }
-    ++client.tally.started;
-    std::this_thread::sleep_for(milliseconds(client.random() % 200));
-    // The registration ends with the token; the daemon then lets go of the
-    // callback, which Finish sees as balance.
-    if (result == OBJECT_OK) ObjectRelease(token);
-  }
-  return client.Finish("deauth");
 }
 
 int RawConnect(const std::string& socket_path) {
@@ -390,11 +365,13 @@ int RunRole(const std::string& name, const RoleOptions& options) {
       {"silent", {discovery, -1, true, 0}},
       // Megabytes of request and tens of megabytes of result each time.
       {"huge-range", {ranging, 0, true, 100000}},
+      // Registrations held for a moment each; the daemon then lets go of
+      // the callback, which Finish sees as balance.
+      {"deauth", {kInterfaceDeauthMonitor, 0, false, 0}},
   };
   if (const auto it = scans.find(name); it != scans.end())
     return ScanLoop(name, options, it->second);
   const std::map<std::string, std::function<int()>> others = {
-      {"deauth", [&] { return Deauth(options); }},
       {"deaf", [&] { return Deaf(options); }},
       {"slow-senders", [&] { return SlowSenders(options); }},
       {"pinner", [&] { return Pinner(options); }},

@@ -1,6 +1,6 @@
 // tesk_soak: runs the daemon and many client processes against it.
 //   tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]
-//   tesk_soak pressure [--callback-kinds late,silent,deaf,fickle] [--huge-ranging-clients N]
+//   tesk_soak pressure [--callback-kinds late,silent,deaf,slow] [--huge-ranging-clients N]
 //   tesk_soak --role NAME ...   (one client; the soak starts itself this way)
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -182,7 +182,7 @@ int main(int argc, char** argv) {
   }
   fprintf(stderr,
           "usage: tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]\n"
-          "       tesk_soak pressure [--callback-kinds late,silent,deaf,fickle] "
+          "       tesk_soak pressure [--callback-kinds late,silent,deaf,slow] "
           "[--huge-ranging-clients N]\n");
   return 64;
 }
