@@ -9,6 +9,13 @@ namespace {
 
 constexpr std::chrono::seconds kWarningEvery{10};
 constexpr int64_t kNsPerMs = 1000000;
+// An answer within kGrace is free, so that fast clients, however many and
+// however often called, do not use the budget up. A wait may take kGrace
+// even from a spent budget while the debt is under kGraceDebt; past kGrace
+// it is charged in full. So the grace adds at most kGraceDebt to what
+// misbehaving clients can cost.
+constexpr int64_t kGraceNs = 1 * kNsPerMs;
+constexpr int64_t kGraceDebtNs = 20 * kNsPerMs;
 
 }  // namespace
 
@@ -49,7 +56,8 @@ Clock::duration WaitBudget::Left() {
   if (refill_ms_ == 0) return Clock::duration::max();  // no service configured it
   RefillLocked(Clock::now());
   if (level_ns_ >= int64_t{capacity_ms_} * kNsPerMs) return Clock::duration::max();
-  return std::chrono::nanoseconds(level_ns_ > 0 ? level_ns_ : 0);
+  const int64_t grace = level_ns_ > -kGraceDebtNs ? kGraceNs : 0;
+  return std::chrono::nanoseconds(std::max(level_ns_, grace));
 }
 
 void WaitBudget::Spend(Clock::time_point start, bool cut) {
@@ -60,7 +68,9 @@ void WaitBudget::Spend(Clock::time_point start, bool cut) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (refill_ms_ == 0) return;
     RefillLocked(now);
-    level_ns_ -= std::chrono::duration_cast<std::chrono::nanoseconds>(now - start).count();
+    const int64_t took = std::chrono::duration_cast<std::chrono::nanoseconds>(now - start).count();
+    if (!cut && took <= kGraceNs) return;
+    level_ns_ -= took;
     // At most one capacity of debt: that is as long as anybody waits for it.
     level_ns_ = std::max(level_ns_, -int64_t{capacity_ms_} * kNsPerMs);
     if (!cut) return;

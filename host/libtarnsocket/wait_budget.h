@@ -1,10 +1,11 @@
 // The time this process may spend blocked on its clients, shared by every
 // connection of every service it runs: a token bucket. A service's call into
 // a client's object waits at most what is left (never longer than that
-// client's own limit), and every such call spends what it took. However many
-// clients misbehave at once, a calling thread is held at most the capacity
-// (or one client's own limit, if longer) plus what flows back in meanwhile:
-// with C ms and R ms a second, C / (1 - R / 1000).
+// client's own limit), and every such call that is not answered at once
+// spends what it took. However many clients misbehave at once, a calling
+// thread is held at most the capacity (or one client's own limit, if
+// longer) and a small grace, plus what flows back in meanwhile: with C ms
+// and R ms a second, (C + 20) / (1 - R / 1000).
 #ifndef TARNSOCKET_WAIT_BUDGET_H_
 #define TARNSOCKET_WAIT_BUDGET_H_
 
@@ -23,12 +24,14 @@ class WaitBudget {
   // Full again, holding up to capacity_ms and refilled by refill_ms a
   // second; the next cut is logged at once.
   void Configure(uint32_t capacity_ms, uint32_t refill_ms);
-  // How long a wait that starts now may take, 0 when the budget is spent.
-  // A full budget does not limit the wait: a lone offender is waited for up
-  // to its own limit, and puts the budget in debt if that is longer.
+  // How long a wait that starts now may take: at least a millisecond's
+  // grace unless the budget is deep in debt. A full budget does not limit
+  // the wait: a lone offender is waited for up to its own limit, and puts
+  // the budget in debt if that is longer.
   Clock::duration Left();
-  // A wait that started at `start` is over. cut: the budget ended it, not
-  // the peer's own limit; logged at most every kWarningEvery.
+  // A wait that started at `start` is over; it costs nothing if it was
+  // answered within the grace. cut: the budget ended it, not the peer's own
+  // limit; logged at most every kWarningEvery.
   void Spend(Clock::time_point start, bool cut);
 
  private:
