@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "deauth/disconnect_event.h"
@@ -34,49 +33,33 @@ struct Detector : DeauthDetector {
   void OnDeauth(int /*wiphy*/, int /*ifindex*/, int /*reason*/, bool /*by_ap*/) override {}
 };
 
-// Every way a start fails, and what it logs; the socket is closed again.
+// Replies that make a start fail, and what each logs; the socket is closed
+// again.
 TEST(DeauthDetectorTest, FailedStartsLogWhyAndCloseTheSocket) {
-  auto error = [](const char* text, int e) {
-    return "E " + std::string(text) + std::to_string(e) + " (" + strerror(e) + ")";
-  };
   KernelMessage six_byte_id, error_reply(NLMSG_ERROR);
   six_byte_id.PutU16(CTRL_ATTR_MCAST_GRP_ID, 4).Put(CTRL_ATTR_MCAST_GRP_NAME, "mlme", 5);
   const int32_t enoent = -ENOENT;
   error_reply.Raw(&enoent, 4);
-  enum Kernel { kNoSocket, kGone, kSilent, kReplies };
-  const struct {
-    Kernel kernel;
-    std::vector<uint8_t> reply;
-    int join_result;
-    Lines log;
-  } cases[] = {
-      {kNoSocket, {}, 0, {error("Failed to open netlink socket: ", EMFILE)}},
-      {kGone, {}, 0, {error("Failed to send GETFAMILY:  ", ECONNREFUSED)}},
-      {kSilent, {}, 0, {error("Failed to recv GETFAMILY response: ", EAGAIN)}},
-      {kReplies, error_reply.Bytes(), 0, {"I family 65535 group -1"}},
-      {kReplies,
-       std::vector<uint8_t>(10),
-       0,
-       {"W Bad Netlink message length", "I family 65535 group -1"}},
-      {kReplies, FamilyReply({Group("mlmex", 7), Group("mlm", 8)}), 0, {"I family 28 group -1"}},
-      {kReplies, FamilyReply({six_byte_id}), 0, {"I family 28 group -1"}},
-      {kReplies,
-       FamilyReply({Group("mlme", 8)}),
-       -1,
-       {"I family 28 group 8", error("setsockopt failed: ", EPERM)}},
+  const std::string eperm =
+      "E setsockopt failed: " + std::to_string(EPERM) + " (" + strerror(EPERM) + ")";
+  const std::pair<std::vector<uint8_t>, Lines> cases[] = {
+      {error_reply.Bytes(), {"I family 65535 group -1"}},
+      {std::vector<uint8_t>(10), {"W Bad Netlink message length", "I family 65535 group -1"}},
+      {FamilyReply({Group("mlmex", 7), Group("mlm", 8)}), {"I family 28 group -1"}},
+      {FamilyReply({six_byte_id}), {"I family 28 group -1"}},
+      {FamilyReply({Group("mlme", 8)}), {"I family 28 group 8", eperm}},  // joining fails
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.log.back());
+  FakeNetlink::join_result = -1;  // only the last case gets that far
+  for (const auto& [reply, lines] : cases) {
+    SCOPED_TRACE(lines.back());
     tesk_test::LogLines log;
-    deauth_test::DatagramPair pair(c.kernel == kSilent ? SOCK_NONBLOCK : 0);
-    EXPECT_TRUE(c.kernel != kReplies || pair.Send(c.reply));
-    if (c.kernel == kGone) close(std::exchange(pair.fds[1], -1));
-    FakeNetlink::socket = c.kernel == kNoSocket ? -1 : pair.TakeFirst();
-    FakeNetlink::join_result = c.join_result;
+    deauth_test::DatagramPair pair;
+    EXPECT_TRUE(pair.Send(reply));
+    FakeNetlink::socket = pair.TakeFirst();
     Detector detector;
     EXPECT_FALSE(detector.Initialize(FakeNetlink::kAccess));
     EXPECT_EQ(fcntl(FakeNetlink::socket, F_GETFD), -1) << "closed";
-    EXPECT_EQ(log.Take(), c.log);
+    EXPECT_EQ(log.Take(), lines);
   }
 }
 

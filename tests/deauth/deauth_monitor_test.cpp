@@ -7,12 +7,31 @@
 #include <thread>
 #include <vector>
 
+#include <tesk/deauth_event.h>
+#include <tesk/interfaces.h>
+
 #include "deauth/deauth_monitor_object.h"
-#include "tests/deauth/test_support.h"
 
 namespace {
 
-using deauth_test::FakeCallback;
+// A callback object that counts what is done with it. A delivery that is
+// not one 16-byte buffer, or comes while no reference is held, is bad.
+struct FakeCallback {
+  Object object() { return Object{&FakeCallback::Invoke, this}; }
+  static int32_t Invoke(void* context, uint32_t op, ObjectArg* args, uint32_t counts) {
+    auto* self = static_cast<FakeCallback*>(context);
+    if (op == OBJECT_OP_RETAIN || op == OBJECT_OP_RELEASE) {
+      ++(op == OBJECT_OP_RETAIN ? self->retains : self->releases);
+      return 0;
+    }
+    ++self->deliveries;
+    self->bad_deliveries += op != OBJECT_OP_METHOD || counts != kDeauthEventCounts ||
+                            args[0].b.size != sizeof(DeauthEvent) ||
+                            self->retains <= self->releases;
+    return 0;
+  }
+  std::atomic<int> retains{0}, releases{0}, deliveries{0}, bad_deliveries{0};
+};
 
 Object Register(Object callback) {
   ObjectArg args[2];

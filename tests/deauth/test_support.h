@@ -1,6 +1,5 @@
 // What the deauth tests share: netlink datagrams laid out as the kernel
-// sends them, the kernel faked for the detector, and a fake for the
-// monitor's callbacks.
+// sends them, and the kernel faked for the detector.
 #ifndef TESK_TESTS_DEAUTH_TEST_SUPPORT_H_
 #define TESK_TESTS_DEAUTH_TEST_SUPPORT_H_
 
@@ -9,16 +8,11 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <utility>
 #include <vector>
-
-#include <tesk/deauth_event.h>
-#include <tesk/interfaces.h>
-#include <tesk/object.h>
 
 #include "deauth/deauth_detector.h"
 #include "deauth/genl_message.h"
@@ -93,9 +87,7 @@ inline std::vector<uint8_t> FamilyReply(const std::vector<KernelMessage>& entrie
 
 // A connected datagram pair: [0] for the side under test, [1] for the test.
 struct DatagramPair {
-  explicit DatagramPair(int flags = 0) {
-    socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | flags, 0, fds);
-  }
+  DatagramPair() { socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, fds); }
   ~DatagramPair() {
     for (int fd : fds) close(fd);
   }
@@ -107,48 +99,20 @@ struct DatagramPair {
   int fds[2] = {-1, -1};
 };
 
-// The kernel as the detector reaches it, faked: opening answers `socket`
-// (errno EMFILE), joining a group records it and answers `join_result`
-// (errno EPERM).
+// The kernel as the detector reaches it, faked: opening answers `socket`,
+// joining a group records it and answers `join_result` (errno EPERM).
 struct FakeNetlink {
   static inline int socket = -1;
   static inline int join_result = 0;
   static inline uint32_t joined = 0;
   static constexpr NetlinkAccess kAccess = {
-      [] {
-        errno = EMFILE;
-        return socket;
-      },
+      [] { return socket; },
       [](int /*fd*/, uint32_t group) {
         joined = group;
         errno = EPERM;
         return join_result;
       },
   };
-};
-
-// A callback object that counts what is done with it and passes every call
-// on to inner, when there is one. A delivery that is not one 16-byte
-// buffer, or comes while no reference is held, is bad.
-struct FakeCallback {
-  Object object() { return Object{&FakeCallback::Invoke, this}; }
-
-  static int32_t Invoke(void* context, uint32_t op, ObjectArg* args, uint32_t counts) {
-    auto* self = static_cast<FakeCallback*>(context);
-    if (op == OBJECT_OP_RETAIN || op == OBJECT_OP_RELEASE) {
-      ++(op == OBJECT_OP_RETAIN ? self->retains : self->releases);
-    } else {
-      ++self->deliveries;
-      self->bad_deliveries += op != OBJECT_OP_METHOD || counts != kDeauthEventCounts ||
-                              args[0].b.size != sizeof(DeauthEvent) ||
-                              self->retains <= self->releases;
-    }
-    return IsNullObject(self->inner) ? 0
-                                     : self->inner.invoke(self->inner.context, op, args, counts);
-  }
-
-  Object inner = kNullObject;
-  std::atomic<int> retains{0}, releases{0}, deliveries{0}, bad_deliveries{0};
 };
 
 }  // namespace deauth_test

@@ -20,17 +20,6 @@ struct SsidState {
 static_assert(sizeof(SsidState) == sizeof(VELASsid), "VELASsid's fields");
 static_assert(std::is_trivially_copyable<VELASsid>::value, "VELASsid is copied bytewise");
 
-// A response of count measurements filled with seeds seed, seed + 1, ...
-template <typename Measurement, typename Response>
-Response* Fill(Response* response, size_t count, uint32_t seed) {
-  for (size_t i = 0; i < count; ++i) {
-    auto* m = new Measurement();
-    vela_sim::FillDistinct(m, seed + static_cast<uint32_t>(i));
-    if (response->measurements.push_back(m) != 0) delete m;
-  }
-  return response;
-}
-
 }  // namespace
 
 void SsidAccess::Set(VELASsid* ssid, const unsigned char* bytes, int length, bool valid) {
@@ -58,11 +47,13 @@ std::string SsidBytes(const VELASsid& ssid) {
 }
 
 VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed) {
-  return Fill<VELAFullBeaconScanMeasurement>(new VELADiscoveryScanResponse(id), count, seed);
-}
-
-VELARangingScanResponse* MakeRangingResponse(unsigned int id, size_t count, uint32_t seed) {
-  return Fill<VELARangingScanMeasurement>(new VELARangingScanResponse(id), count, seed);
+  auto* response = new VELADiscoveryScanResponse(id);
+  for (size_t i = 0; i < count; ++i) {
+    auto* m = new VELAFullBeaconScanMeasurement();
+    vela_sim::FillDistinct(m, seed + static_cast<uint32_t>(i));
+    if (response->measurements.push_back(m) != 0) delete m;
+  }
+  return response;
 }
 
 }  // namespace vela_test

@@ -44,7 +44,7 @@ class Control : public vela_sim::ControlObserver {
     SendHook run;
     {
       std::lock_guard<std::mutex> lock(mutex);
-      if (recording && sent.size() < kMaxRecordedRequests) sent.push_back(request);
+      if (recording) sent.push_back(request);
       run = hook;
     }
     if (run) run(request, action);

@@ -40,9 +40,7 @@ using SendHook = std::function<void(const SentRequest& request, SendAction* acti
 // holding and drops held answers. Scenario text set by SetScenarioText stays.
 void Reset();
 
-// Records every request sent from now until the next Reset, the first
-// kMaxRecordedRequests of them.
-constexpr size_t kMaxRecordedRequests = 4096;
+// Records every request sent from now until the next Reset.
 void RecordRequests();
 
 void SetSendHook(SendHook hook);
@@ -85,12 +83,9 @@ VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24);
 // The SSID's bytes; empty when it is not valid.
 std::string SsidBytes(const VELASsid& ssid);
 
-// Responses holding count measurements filled by vela_sim::FillDistinct
-// (host/libvela_client/distinct_measurements.h) with seeds
-// seed, seed + 1, ...: full beacons for discovery, ranging measurements for
-// ranging.
+// A response holding count full beacons filled by vela_sim::FillDistinct
+// (host/libvela_client/distinct_measurements.h) with seeds seed, seed + 1, ...
 VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed);
-VELARangingScanResponse* MakeRangingResponse(unsigned int id, size_t count, uint32_t seed);
 
 // Sets an SSID's stored state as it stands, bypassing setSSID's checks: a
 // valid SSID with a length above 32 makes getSSID fail.
