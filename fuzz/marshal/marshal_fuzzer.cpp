@@ -92,33 +92,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     MarshalFullBeacon(out, &beacon);
   }
   while (in.remaining_bytes() > 0 && out.measurements.getCount() < 64) {
-    switch (in.ConsumeIntegralInRange(0, 3)) {
-      case 0: {
-        VELAScanMeasurement m;
-        Fill(in, &m);
-        MarshalCommon(out, &m);
-        break;
+    const int kind = in.ConsumeIntegralInRange(0, 3);
+    if (kind == 0) {
+      VELAScanMeasurement m;
+      Fill(in, &m);
+      MarshalCommon(out, &m);
+    } else if (kind == 1) {
+      ky_loc_fw::VELAFullBeaconScanMeasurement m;
+      Fill(in, &m);
+      for (int i = in.ConsumeIntegralInRange(0, 20); i > 0; --i) {
+        m.informationElements.push_back(MakeElement(in));
       }
-      case 1: {
-        ky_loc_fw::VELAFullBeaconScanMeasurement m;
-        Fill(in, &m);
-        for (int i = in.ConsumeIntegralInRange(0, 20); i > 0; --i) {
-          m.informationElements.push_back(MakeElement(in));
-        }
-        MarshalFullBeacon(out, &m);
-        break;
-      }
-      case 2: {
-        ky_loc_fw::VELARangingScanMeasurement m;
-        Fill(in, &m);
-        for (int i = in.ConsumeIntegralInRange(0, 20); i > 0; --i) m.macList.push_back({});
-        MarshalRanging(out, &m);
-        break;
-      }
-      default:
-        MarshalFullBeacon(out, nullptr);
-        MarshalRanging(out, nullptr);
-        break;
+      MarshalFullBeacon(out, &m);
+    } else if (kind == 2) {
+      ky_loc_fw::VELARangingScanMeasurement m;
+      Fill(in, &m);
+      for (int i = in.ConsumeIntegralInRange(0, 20); i > 0; --i) m.macList.push_back({});
+      MarshalRanging(out, &m);
+    } else {
+      MarshalFullBeacon(out, nullptr);
+      MarshalRanging(out, nullptr);
     }
   }
   CheckRecords(out);

@@ -1,16 +1,14 @@
 // The deauth monitor served over the real IPC library on a Unix socket, fed
 // kernel-shaped disconnect events through a socket pair, and watched by
 // teskctl in a process of its own.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -19,11 +17,9 @@
 #include "service/root_object.h"
 #include "tarnsocket/tarn_ipc.h"
 #include "tests/deauth/test_support.h"
-#include "tests/support/emulator.h"
+#include "tests/support/daemon_process.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/temp_dir.h"
-
-extern char** environ;
 
 namespace {
 
@@ -53,22 +49,14 @@ TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
   void* service = TarnIPC_startServiceOnSocket(listen_fd, &root_invoke, nullptr);
   ASSERT_NE(service, nullptr);
 
-  int out[2];
-  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDERR_FILENO);
-  std::vector<std::string> command = tesk_test::NativeCommand({TESKCTL, "--socket", path, "watch"});
-  std::vector<char*> argv = tesk_test::ArgumentPointers(command);
-  pid_t pid = -1;
-  ASSERT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
-  FILE* watch = fdopen(out[0], "r");
-
-  // No deadline: the test's own timeout catches a hang.
+  // teskctl's pid first (exec keeps it), then its output and errors; no
+  // deadlines: the test's own timeout catches a hang.
+  const std::string command = "echo $$; exec '" + tesk_test::NativeProgram(TESKCTL) +
+                              "' --socket '" + path + "' watch 2>&1";
+  FILE* watch = popen(command.c_str(), "r");
   char line[256];
+  ASSERT_NE(fgets(line, sizeof line, watch), nullptr);
+  const pid_t pid = atoi(line);
   ASSERT_NE(fgets(line, sizeof line, watch), nullptr);
   EXPECT_STREQ(line, "teskctl: watching disconnect events; interrupt to stop\n");
   using deauth_test::DisconnectEvent;
@@ -83,7 +71,7 @@ TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
     EXPECT_STREQ(line, expected);
   }
   kill(pid, SIGKILL);
-  ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+  pclose(watch);
   DeauthMonitor::Get().OnDeauth(5, 5, 5, false);  // to a client gone, or no longer registered
   EXPECT_EQ(log.Take(),
             (std::vector<std::string>{"I family 28 group 8", "W Bad Netlink message length"}));
@@ -91,7 +79,6 @@ TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
   TarnIPC_stopService(service);
   TarnIPC_join(service);
   close(listen_fd);
-  fclose(watch);
 }
 
 }  // namespace

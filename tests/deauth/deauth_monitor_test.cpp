@@ -40,10 +40,6 @@ Object Register(Object callback) {
   return args[1].o;
 }
 
-void Release(const Object& o) {
-  o.invoke(o.context, OBJECT_OP_RELEASE, nullptr, 0);
-}
-
 // Registrations and releases (some tokens retained once more) race
 // deliveries. Every callback must end retained and released exactly once,
 // never be called outside its registration, and those registered throughout
@@ -52,8 +48,8 @@ void Release(const Object& o) {
 TEST(DeauthMonitorTest, RegistrationsAndReleasesRaceDeliveries) {
   constexpr int kRegistrars = 3, kPerRegistrar = 150;
   FakeCallback steady[3];
-  Object steady_tokens[3];
-  for (int i = 0; i < 3; ++i) steady_tokens[i] = Register(steady[i].object());
+  const Object steady_tokens[3] = {Register(steady[0].object()), Register(steady[1].object()),
+                                   Register(steady[2].object())};
   const Object null_token = Register(kNullObject);
   std::vector<FakeCallback> callbacks(kRegistrars * kPerRegistrar);
   std::atomic<int> registrars_left{kRegistrars}, events{0};
@@ -65,10 +61,10 @@ TEST(DeauthMonitorTest, RegistrationsAndReleasesRaceDeliveries) {
       while (events == 0) std::this_thread::yield();  // start once deliveries run
       for (int i = 0; i < kPerRegistrar; ++i) {
         const Object token = Register(callbacks[size_t(r * kPerRegistrar + i)].object());
-        if (i % 3 == 0) token.invoke(token.context, OBJECT_OP_RETAIN, nullptr, 0);
+        if (i % 3 == 0) ObjectRetain(token);
         held.insert(held.end(), i % 3 == 0 ? 2 : 1, token);
         for (; held.size() > (i + 1 < kPerRegistrar ? 4u : 0u); held.pop_front()) {
-          Release(held.front());
+          ObjectRelease(held.front());
         }
       }
       --registrars_left;
@@ -89,10 +85,10 @@ TEST(DeauthMonitorTest, RegistrationsAndReleasesRaceDeliveries) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(steady[i].deliveries, events);
     EXPECT_EQ(steady[i].bad_deliveries, 0);
-    Release(steady_tokens[i]);
+    ObjectRelease(steady_tokens[i]);
     EXPECT_EQ(steady[i].releases, 1);
   }
-  Release(null_token);
+  ObjectRelease(null_token);
 }
 
 }  // namespace

@@ -33,10 +33,6 @@ std::string Line(std::string format, unsigned int id) {
   return at == std::string::npos ? format : format.replace(at, 2, std::to_string(int(id)));
 }
 
-int32_t Call(Object handle, uint32_t op) {
-  return handle.invoke(handle.context, op, nullptr, 0);
-}
-
 // A client's callback object as the dispatcher sees it.
 struct FakeRemote {
   std::atomic<int> retains{0}, releases{0}, calls{0};
@@ -140,7 +136,8 @@ TEST_F(DispatcherTest, LogsAndDeliversAtMostOnceWhateverTheOrder) {
       if (*step == 'd') Answer(id);
       if (*step == 'n') vela_test::DeliverAndWait(nullptr);
       const uint32_t op = *step == 'r' ? OBJECT_OP_RELEASE : *step == '+' ? OBJECT_OP_RETAIN : 0u;
-      const int32_t result = std::strchr("r+m", *step) != nullptr ? Call(handle, op) : OBJECT_OK;
+      const int32_t result =
+          std::strchr("r+m", *step) != nullptr ? handle.invoke(handle.context, op, nullptr, 0) : 0;
       EXPECT_EQ(result, *step == 'm' ? OBJECT_ERROR_INVALID : OBJECT_OK);
       vela_test::WaitIdle();
     }
@@ -177,7 +174,7 @@ TEST_F(DispatcherTest, FailedSendsKeepNothing) {
   Answer(refused_id);
   EXPECT_EQ(first.delivered, 1);
   EXPECT_EQ(log_.Take().back(), Line(kUnexpected, refused_id));
-  Call(handle, OBJECT_OP_RELEASE);
+  ObjectRelease(handle);
 }
 
 // Threads send at once, then drop their handles while the answers come:
@@ -198,7 +195,7 @@ TEST_F(DispatcherTest, ConcurrentSendsAndReleasesRacingTheAnswers) {
         ++sent;
       }
       while (sent < kAll) std::this_thread::yield();
-      for (Object& handle : handles) Call(handle, OBJECT_OP_RELEASE);
+      for (Object& handle : handles) ObjectRelease(handle);
     });
   }
   while (sent < kAll) std::this_thread::yield();

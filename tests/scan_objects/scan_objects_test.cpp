@@ -265,9 +265,10 @@ TEST_F(ScanObjectTest, DeliveriesWithoutRecords) {
     ASSERT_EQ(ranging ? Range(0, AsBytes(Target())) : Discover(), 0);
     log_.Take();
     deliveries_.clear();
-    const auto fill = [&types](auto* r) -> kf::VELAResponse* {
+    const std::vector<int>& measurement_types = types;  // structured bindings cannot be captured
+    const auto fill = [&measurement_types](auto* r) -> kf::VELAResponse* {
       r->scanStatus = 3;
-      for (int type : types) r->measurements.push_back(vt::MakeMeasurementOfType(type));
+      for (int type : measurement_types) r->measurements.push_back(vt::MakeMeasurementOfType(type));
       return r;
     };
     if (ranging_answer) {

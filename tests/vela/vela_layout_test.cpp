@@ -90,16 +90,17 @@ TEST(VelaLayout, RecordFieldsFollowTheTablesAfterTheVtable) {
       m.value32_1, m.value32_9, m.value64, m.beaconTsf, m.unreadBeacon, m.informationElements);
   EXPECT_EQ(at[0], sizeof(void*));  // only the vtable comes first
   EXPECT_EQ(at[4], at[3] + 1);      // the two bytes of fields 3 and 4 are adjacent
-  for (size_t size :
-       {sizeof m.unreadField26, sizeof m.value64, sizeof m.beaconTsf, sizeof m.unreadBeacon}) {
-    EXPECT_EQ(size, 8u);
-  }
+  static_assert(sizeof m.unreadField26 == 8 && sizeof m.value64 == 8 && sizeof m.beaconTsf == 8 &&
+                    sizeof m.unreadBeacon == 8 &&
+                    sizeof(VELARangingScanMeasurement::unreadRanging) == 16 &&
+                    sizeof(VELAPeriodicNodeInfo::nodeEnum1) == 4 &&
+                    sizeof(VELAPeriodicNodeInfo::periodicByte) == 1,
+                "field widths");
   EXPECT_EQ(at[32], sizeof(VELAScanMeasurement));  // the beacon's own fields
   EXPECT_EQ(at[34], at[32] + 16);                  // follow 8 unread bytes
 
   VELARangingScanMeasurement r;
   EXPECT_EQ(At(r, r.unreadRanging), sizeof(VELAScanMeasurement));
-  EXPECT_EQ(sizeof(r.unreadRanging), 16u);
   EXPECT_EQ(At(r, r.macList), At(r, r.unreadRanging) + 16);
 
   // A discovery response's status sits between its word and its value.
@@ -115,8 +116,6 @@ TEST(VelaLayout, RecordFieldsFollowTheTablesAfterTheVtable) {
   InOrder(n, n.mac, n.nodeValue1, n.nodeValue2, n.nodeValue3, n.nodeEnum1, n.peerMac, n.nodeEnum2,
           n.nodeEnum3, n.ftmsPerBurst, n.nodeEnum4, n.nodeByte1, n.nodeByte2, n.nodeValue4,
           n.maxBursts, n.periodicByte, n.periodicValue1, n.periodicValue2);
-  EXPECT_EQ(sizeof(n.nodeEnum1), 4u);
-  EXPECT_EQ(sizeof(n.periodicByte), 1u);
 }
 
 }  // namespace

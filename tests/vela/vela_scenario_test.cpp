@@ -1,5 +1,5 @@
 // The scenario parser: one file with every directive, and the first error of
-// bad files reported with its line.
+// bad files reported with its line; then the neighbourhood's answers.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/libvela_client/distinct_measurements.h"
+#include "host/libvela_client/neighbourhood.h"
 #include "host/libvela_client/scenario_parser.h"
 
 namespace ky_loc_fw {
@@ -57,15 +58,11 @@ TEST(VelaScenario, ReadsEveryDirective) {
   std::string error;
   ASSERT_TRUE(ParseScenario(text, &s, &error)) << error;
   ASSERT_TRUE(ParseScenario(DefaultScenarioText(), &builtin, &error)) << error;
-  EXPECT_EQ(s.latencyMs, 250u);
-  EXPECT_TRUE(s.refuseCreate);
   ASSERT_EQ(s.aps.size(), 7 + builtin.aps.size());
   EXPECT_EQ(s.aps[7].bssid, builtin.aps[0].bssid);
   const ScenarioAp& home = s.aps[0];
-  EXPECT_EQ(Text(home.ssid), "home");
-  EXPECT_EQ(std::make_tuple(home.bssid, home.frequencyMhz, home.band, home.rssiDbm, home.intervalTu,
-                            home.capability, home.security, home.txPowerDbm),
-            std::make_tuple(0x020000000001u, 5180u, 1, -50, 200u, 0x11, 3, 17));
+  // Addresses, channels, names and values show end to end (ScanEndToEnd).
+  EXPECT_EQ(std::make_tuple(home.band, home.security, home.txPowerDbm), std::make_tuple(1, 3, 17));
   EXPECT_TRUE(home.cached && home.probe && !home.hidden);
   // Generated elements (SSID, rates, DS parameter set on 36), then the vendor element.
   EXPECT_EQ(
@@ -83,12 +80,72 @@ TEST(VelaScenario, ReadsEveryDirective) {
             std::make_tuple(Mac48{0x0a0000000005}, std::string("abc-1"), 12u, -66));
   EXPECT_EQ(Text(copy.ies), std::string("\0\5abc-1", 7));
 
-  EXPECT_TRUE(s.ranges.at(0).distanceMm == 1500 && s.ranges[0].plain);
   for (uint32_t id : {1u, 4u, 6u}) EXPECT_TRUE(s.HasFault(FaultKind::kNull, id)) << id;
   for (uint32_t id : {0u, 3u, 7u}) EXPECT_FALSE(s.HasFault(FaultKind::kNull, id)) << id;
   int32_t status = 0;
   EXPECT_TRUE(s.StatusFault(77, &status));
   EXPECT_EQ(status, -3);
+}
+
+// One neighbourhood answers the rows in order: cache rows see what earlier
+// scans found. Each answer: its source (0 fresh, 1 cache), then the last byte
+// of each access point's BSSID.
+TEST(VelaNeighbourhood, AnswersHonourModesBandsChannelsAndFilters) {
+  using Request = VELADiscoveryScanRequest;
+  const auto kCacheOnly = Request::KIND_CACHE_ONLY, kFallback = Request::KIND_CACHE_FALLBACK;
+  const auto kFresh = Request::KIND_FRESH_SCAN;
+  const auto all = Request::BAND_ALL, low = Request::BAND_2_4_GHZ, high = Request::BAND_5_GHZ;
+  const struct {
+    Request::eRequestKind kind;
+    Request::eBand band;
+    bool hidden;          // hidden access points too
+    unsigned int wanted;  // fewer cached results than this: a fresh scan answers
+    std::vector<unsigned int> channels;
+    std::vector<std::string> ssids;
+    const char* answer;
+  } cases[] = {
+      {kCacheOnly, all, true, 0, {}, {}, "1: 4"},  // only "cached" so far
+      {kFallback, all, false, 1, {}, {}, "1: 4"},
+      {kFallback, high, false, 2, {}, {}, "0: 3 4"},
+      {kFresh, low, false, 0, {}, {}, "0: 1 2"},
+      {kCacheOnly, all, false, 0, {}, {}, "1: 1 2 3 4"},
+      {kCacheOnly, low, true, 0, {}, {}, "1: 1 2 5"},
+      {kFresh, all, false, 0, {6, 5745}, {}, "0: 2 4"},
+      {kFresh, all, false, 0, {}, {"gamma", "alpha", "alph"}, "0: 1 3"},
+  };
+  Scenario scenario;
+  std::string error;
+  ASSERT_TRUE(
+      ParseScenario("ap bssid=02:00:00:00:00:01 ssid=alpha channel=1\n"
+                    "ap bssid=02:00:00:00:00:02 ssid=beta channel=6\n"
+                    "ap bssid=02:00:00:00:00:03 ssid=gamma channel=36\n"
+                    "ap bssid=02:00:00:00:00:04 ssid=delta channel=149 cached\n"
+                    "ap bssid=02:00:00:00:00:05 channel=11 hidden\n",
+                    &scenario, &error))
+      << error;
+  Neighbourhood street(scenario, 1000000);
+  uint64_t now_us = 1000000;
+  for (const auto& c : cases) {
+    SentRequest r;
+    r.requestType = VELARequest::REQUEST_TYPE_DISCOVERY_SCAN;
+    r.kind = c.kind;
+    r.band = c.band;
+    r.cacheFlag = r.scanFlag = c.hidden;
+    r.fallbackParam = c.wanted;
+    r.hasChannels = !c.channels.empty();
+    r.channels = c.channels;
+    for (const std::string& s : c.ssids) {
+      r.ssidFilter.emplace_back().setSSID(reinterpret_cast<const unsigned char*>(s.data()),
+                                          static_cast<int>(s.size()));
+    }
+    const Answer answer = street.AnswerDiscovery(r, now_us += 1000);
+    const auto& d = static_cast<const VELADiscoveryScanResponse&>(*answer.response);
+    std::string seen = std::to_string(d.scanSource) + ":";
+    for (uint32_t i = 0; i < d.measurements.getCount(); ++i) {
+      seen += " " + std::to_string(d.measurements[i]->bssid.getLo24());
+    }
+    EXPECT_EQ(seen, c.answer) << c.kind << " " << c.band;
+  }
 }
 
 }  // namespace
