@@ -65,18 +65,7 @@ TEST(ResultDecodingTest, NothingIsReadOutsideWhatWasDelivered) {
   ASSERT_TRUE(teskclient::DecodeRangingDelivery(args.data(), 5, &ranging));
   EXPECT_TRUE(ranging.records.empty() && ranging.pool.empty() && ranging.macs.empty());
 
-  // offset, length, valid: an empty slice at the very end is valid.
-  const std::tuple<uint32_t, uint32_t, bool> slices[] = {
-      {0, 0, true},   {0, 10, true}, {9, 1, true},           {10, 0, true},         {10, 1, false},
-      {11, 0, false}, {5, 6, false}, {0xFFFFFFFF, 2, false}, {1, 0xFFFFFFFF, false}};
   ranging.pool.assign(10, 0x5A);
-  for (const auto& [offset, length, valid] : slices) {
-    const teskclient::PoolSlice slice = teskclient::SlicePool(ranging.pool, offset, length);
-    EXPECT_EQ(slice.valid, valid) << offset << "+" << length;
-    EXPECT_EQ(slice.size, valid ? length : 0u);
-    EXPECT_TRUE(slice.size == 0 || slice.data == ranging.pool.data() + offset);
-  }
-
   ranging.infos.resize(3);
   ranging.macs.resize(2);
   WifiScanMeasurement r{};
@@ -126,12 +115,12 @@ TEST(InformationElementsTest, WalkAndSummaryStayInsideTheBytes) {
   teskclient::InformationElement ie;
   EXPECT_FALSE(teskclient::IeWalker(nullptr, 100).Next(&ie));
 
-  // Version 1, group CCMP, pairwise CCMP, AKMs PSK and SAE, capabilities.
-  const std::string rsn_psk_sae = "0100 000fac04 0100 000fac04 0200 000fac02 000fac08 0000";
   // SSID, channel, security, vendor OUIs.
   const std::pair<std::string, std::string> listings[] = {
       {"000463616665 03010b", "cafe|11|none|"},
-      {"0000 3018" + rsn_psk_sae + " 030124", "|36|RSN:PSK,SAE/CCMP|"},
+      // RSN: version 1, group CCMP, pairwise CCMP, AKMs PSK and SAE, capabilities.
+      {"0000 3018 0100 000fac04 0100 000fac04 0200 000fac02 000fac08 0000 030124",
+       "|36|RSN:PSK,SAE/CCMP|"},
       {"3d029500", "|149|none|"},  // HT operation when there is no DS element
       {"dd16 0050f201 0100 0050f202 0100 0050f202 0100 0050f202", "|-1|WPA:PSK/TKIP|00:50:f2 "},
       {"3006 0100 000fac04", "|-1|RSN:?/CCMP|"},  // cut after the group suite
@@ -146,12 +135,6 @@ TEST(InformationElementsTest, WalkAndSummaryStayInsideTheBytes) {
                         std::to_string(s.channel) + "|" + s.security + "|";
     for (const teskclient::Oui& oui : s.vendor_ouis) shown += teskclient::FormatOui(oui) + " ";
     EXPECT_EQ(shown, expected) << hex;
-  }
-  const Bytes rsn = Hex(rsn_psk_sae);
-  for (size_t size = 0; size <= rsn.size(); ++size) {
-    // Exactly `size` bytes, so that a read past them is caught by the sanitizer.
-    const Bytes body(rsn.begin(), rsn.begin() + static_cast<long>(size));
-    EXPECT_EQ(teskclient::ParseRsnBody(body.data(), body.size()).complete, size >= 22u) << size;
   }
 }
 

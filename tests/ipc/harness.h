@@ -33,7 +33,7 @@ enum Op : uint32_t {
   kOpChecksum,  // in bufs: their Checksum
   kOpStore,     // 1 in obj: kept, retained, as the callback; the null object drops it
   kOpEcho,      // 1 in buf [1 in obj]: calls the object, or the callback, with the buffer
-  kOpReturn,    // 1 in obj or 1 in buf (u32 n), 1 out obj: the object back, or `many[n % 4]`
+  kOpReturn,    // 1 in buf (u32 n), 1 out obj: `many[n % 4]`
   kOpBlock,     // returns once `unblocked` is set
 };
 
@@ -180,8 +180,7 @@ struct Served {
         return IsNullObject(target) ? OBJECT_ERROR_INVALID : Call(target, 0, echo, 1);
       }
       case kOpReturn:
-        args[1].o =
-            bufs == 0 ? args[0].o : many[*static_cast<uint32_t*>(args[0].b.ptr) % 4].AsObject();
+        args[1].o = many[*static_cast<uint32_t*>(args[0].b.ptr) % 4].AsObject();
         ObjectRetain(args[1].o);
         return OBJECT_OK;
       case kOpBlock:

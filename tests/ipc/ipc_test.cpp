@@ -52,12 +52,6 @@ Bytes Pattern(size_t size, uint32_t seed) {
   return bytes;
 }
 
-Object Return(Object root, Object in) {
-  ObjectArg args[2] = {Obj(in), Obj(kNullObject)};
-  EXPECT_EQ(Call(root, kOpReturn, args, OBJECT_COUNTS(0, 0, 1, 1)), 0);
-  return args[1].o;
-}
-
 int32_t Nth(Object root, uint32_t n, Object* out) {
   ObjectArg args[2] = {Buf(&n, sizeof n), Obj(kNullObject)};
   const int32_t result = Call(root, kOpReturn, args, OBJECT_COUNTS(1, 0, 0, 1));
@@ -82,37 +76,33 @@ struct Nested : Counted {
   }
 };
 
-class IpcObjectsTest : public ::testing::Test {
- protected:
-  // Megabytes go to callbacks, which may take their time under a sanitizer.
-  ScopedEnv patient_{"TARN_CALLBACK_TIMEOUT_MS", "10000"};
-  Served served_;
-  Object root_ = served_.Connect();
-};
-
 // Threads on connections of their own and on one shared connection make
 // calls of many buffers and have their callbacks nest, while two threads have
 // megabytes echoed back: both directions full at once, so neither end may
 // stop reading while it waits to write. Then a chain nested deeper than the
 // limit fails at once with its own result and holds no worker afterwards.
-TEST_F(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
+TEST(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
+  // Megabytes go to callbacks, which may take their time under a sanitizer.
+  ScopedEnv patient{"TARN_CALLBACK_TIMEOUT_MS", "10000"};
+  Served served;
+  const Object shared = served.Connect();
   const Bytes big = Pattern(8u << 20, 1);
   Counted echoed;
   echoed.on_call = [&big](uint32_t, ObjectArg* in, uint32_t counts) {
     const bool whole = counts == 1 && in[0].b.size == big.size();
     return whole && memcmp(in[0].b.ptr, big.data(), big.size()) == 0 ? 0 : 1;
   };
-  ASSERT_EQ(Store(root_, echoed.AsObject()), 0);
+  ASSERT_EQ(Store(shared, echoed.AsObject()), 0);
   std::vector<std::thread> threads;
   for (int t = 0; t < 2; ++t) {
     threads.emplace_back([&] {
       ObjectArg args[1] = {Buf(big.data(), big.size())};
-      for (int i = 0; i < 2; ++i) EXPECT_EQ(Call(root_, kOpEcho, args, 1), 0);
+      for (int i = 0; i < 2; ++i) EXPECT_EQ(Call(shared, kOpEcho, args, 1), 0);
     });
   }
   for (uint32_t t = 0; t < 6; ++t) {
-    threads.emplace_back([this, t] {
-      const Object root = t % 2 == 0 ? root_ : served_.Connect();
+    threads.emplace_back([&, t] {
+      const Object root = t % 2 == 0 ? shared : served.Connect();
       Nested callback(root);
       for (uint32_t i = 0; i < 200; ++i) {
         // Back to back here: what follows each in our memory must not show there.
@@ -126,49 +116,24 @@ TEST_F(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
         }
       }
       EXPECT_EQ(callback.calls, 16);
-      if (root.context != root_.context) ObjectRelease(root);
+      if (root.context != shared.context) ObjectRelease(root);
       EXPECT_EQ(callback.Settle(), 0);
     });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(echoed.calls, 4);
 
-  Nested deep(root_);
+  Nested deep(shared);
   const auto start = std::chrono::steady_clock::now();
   testing::internal::CaptureStderr();
-  EXPECT_EQ(Echo(root_, 1000, deep.AsObject()), TARN_IPC_ERROR_TOO_DEEP);
+  EXPECT_EQ(Echo(shared, 1000, deep.AsObject()), TARN_IPC_ERROR_TOO_DEEP);
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
   EXPECT_NE(log.find("calls refused: nested 33 deep, more than 32"), std::string::npos) << log;
-  EXPECT_EQ(Echo(root_, 10, deep.AsObject()), 110);
-  EXPECT_EQ(Store(root_, kNullObject), 0);
-  ObjectRelease(root_);
+  EXPECT_EQ(Echo(shared, 10, deep.AsObject()), 110);
+  EXPECT_EQ(Store(shared, kNullObject), 0);
+  ObjectRelease(shared);
   EXPECT_EQ(echoed.Settle() + deep.Settle(), 0);
-}
-
-TEST_F(IpcObjectsTest, ObjectsKeepTheirIdentityAndReferencesBalance) {
-  // Ours, passed out and back: the original again.
-  Counted mine;
-  const Object returned = Return(root_, mine.AsObject());
-  EXPECT_EQ(returned.context, &mine);
-  ObjectRelease(returned);
-  EXPECT_EQ(mine.Settle(), 0);
-
-  // The service's, fetched twice: one proxy; passed back: the original.
-  Object first, second;
-  EXPECT_EQ(Nth(root_, 0, &first) + Nth(root_, 0, &second), 0);
-  EXPECT_EQ(first.context, second.context);
-  const Object back = Return(root_, first);
-  EXPECT_EQ(back.context, first.context);
-  EXPECT_EQ(Call(first, 0), 7);
-  EXPECT_EQ(served_.many[0].calls, 1);
-  for (Object object : {back, first, second}) ObjectRelease(object);
-  EXPECT_GT(served_.many[0].retains, 0);
-  EXPECT_EQ(served_.many[0].Settle(), 0);
-
-  ObjectRelease(root_);
-  served_.root.AwaitReleases(1);
-  EXPECT_EQ(served_.root.Held(), 0);
 }
 
 // A peer that holds one of the service's objects, leaves a callback, keeps a
@@ -227,7 +192,6 @@ TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
   };
   const std::string kSizes = "malformed frame: sizes do not add up to the frame";
   const std::string kNeverGiven = "malformed frame: release of references never given";
-  const std::string kBadCounts = "malformed frame: bad counts";
   const std::string kReserved = "malformed frame: reserved field set";
   const std::string kSlow = "frame not whole within 300 ms";
   const struct {
@@ -263,12 +227,8 @@ TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
        Frame({0, kFrameInvoke, 1, {}, 1, 0, 0, 0x10})},
       {"malformed frame: retain or release sent as a call",
        Frame({0, kFrameInvoke, 1, {}, 1, 0, 0x1FFFE, 0})},
-      {kBadCounts, Frame({0, kFrameInvoke, 1, {}, 1, 0, 0, 0x10000})},
-      {kBadCounts, Frame({128, kFrameReply, 0, {}, 1, 0, 0, 16})},
-      {"malformed frame: bad release count", Frame({0, kFrameRelease, 0, {}, 0, 1, 0, 0})},
+      {"malformed frame: bad counts", Frame({0, kFrameInvoke, 1, {}, 1, 0, 0, 0x10000})},
       {kReserved, Bytes(64, 0xFF)},
-      {kReserved, Frame({0, kFrameReply, 1, {}, 1, 0, 0, 0})},  // the depth of an answer
-      {kReserved, Frame({0, kFrameReply, 0, {}, 1, 3, 0, 0})},  // the handle of an answer
       {kReserved, Frame({0, kFrameRelease, 0, {}, 4, 1, 1, 0})},
       {"malformed frame: frame too large", Frame({0xFFFFFFF0u, kFrameInvoke, 0, {}, 1, 0, 0, 1})},
       {kSizes, Frame({18, kFrameInvoke, 0, {}, 1, 0, 0, 1}, {Raw(uint64_t{20}), Bytes(10)})},
@@ -361,34 +321,6 @@ TEST(IpcLimitTest, ExportsPerConnectionAreBounded) {
     ObjectRelease(object);
   }
   for (Counted& counted : served.many) EXPECT_EQ(counted.Settle(), 0);
-}
-
-// Stopped, or its listening socket shut down: join returns, every client
-// learns of the end and what it left is released.
-TEST(IpcServiceTest, StopOrShutdownEndsJoin) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  EXPECT_EQ(TarnIPC_startServiceOnSocket(fds[0], &Counted::Invoke, nullptr), nullptr);
-  for (int fd : fds) close(fd);
-
-  for (bool stop : {true, false}) {
-    SCOPED_TRACE(stop ? "stop" : "shutdown");
-    Served served;
-    Object root = served.Connect();
-    Counted callback;
-    ASSERT_EQ(Store(root, callback.AsObject()), 0);
-    testing::internal::CaptureStderr();
-    if (stop) TarnIPC_stopService(served.service);
-    if (!stop) shutdown(served.fd, SHUT_RDWR);
-    TarnIPC_join(served.service);
-    EXPECT_EQ(served.root.Held(), 0);
-    EXPECT_EQ(Call(root, kOpChecksum), TARN_IPC_ERROR_DEAD);
-    EXPECT_EQ(callback.Settle(), 0);
-    ObjectRelease(root);
-    const std::string log = testing::internal::GetCapturedStderr();
-    const std::string ended = "E tarnsocket: Service ends: the listening socket was shut down\n";
-    EXPECT_EQ(log.find(ended) != std::string::npos, !stop) << log;
-  }
 }
 
 }  // namespace

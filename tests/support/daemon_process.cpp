@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,31 +56,10 @@ pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   return pid;
 }
 
-sockaddr_un Address(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  return address;
-}
-
 }  // namespace
 
 std::string BuiltBinary(const std::string& name) {
   return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / name).string();
-}
-
-std::string NativeProgram(const std::string& binary) {
-  const std::vector<std::string> command = NativeCommand({binary});
-  if (command.size() == 1) return binary;
-  static TempDir scripts;  // one per test process, removed at its exit
-  const std::string script = scripts.Join(binary.substr(binary.rfind('/') + 1));
-  std::ofstream out(script);
-  out << "#!/bin/sh\nexec";
-  for (const std::string& word : command) out << " '" << word << "'";
-  out << " \"$@\"\n";
-  out.close();
-  if (!out || chmod(script.c_str(), 0755) != 0) throw std::runtime_error("cannot write " + script);
-  return script;
 }
 
 DaemonProcess::DaemonProcess(Options options) : socket_path_(dir_.Join("tesk")) {
@@ -92,7 +70,8 @@ DaemonProcess::DaemonProcess(Options options) : socket_path_(dir_.Join("tesk")) 
   int socket_fd = -1;
   if (options.socket_type != 0) {
     socket_fd = socket(AF_UNIX, options.socket_type, 0);  // inherited: no SOCK_CLOEXEC
-    const sockaddr_un address = Address(socket_path_);
+    sockaddr_un address{AF_UNIX, {}};
+    socket_path_.copy(address.sun_path, sizeof address.sun_path - 1);
     if (socket_fd < 0 ||
         bind(socket_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
       throw std::runtime_error("cannot create the control socket");
@@ -112,14 +91,7 @@ DaemonProcess::~DaemonProcess() {
 }
 
 std::string DaemonProcess::Log() const {
-  std::string log = ReadFile(dir_.Join("log"));
-  const size_t at = kUnderEmulator ? log.find(kEmulatorOnlyLogLine) : std::string::npos;
-  const size_t end = at == std::string::npos ? at : log.find('\n', at);
-  if (end != std::string::npos) {                  // the emulator's line, once complete
-    const size_t begin = log.rfind('\n', at) + 1;  // 0 when it is the first line
-    log.erase(begin, end + 1 - begin);
-  }
-  return log;
+  return ReadFile(dir_.Join("log"));
 }
 
 bool DaemonProcess::WaitForLog(const std::string& text, std::chrono::milliseconds timeout) const {
@@ -141,19 +113,6 @@ size_t DaemonProcess::CountInLog(const std::string& text) const {
 bool DaemonProcess::Running() {
   if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
   return pid_ > 0;
-}
-
-bool DaemonProcess::WaitUntilServing(std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  const sockaddr_un address = Address(socket_path_);
-  while (std::chrono::steady_clock::now() < deadline && Running()) {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool ok = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    close(fd);
-    if (ok) return true;
-    usleep(10000);
-  }
-  return false;
 }
 
 int DaemonProcess::OpenDescriptorCount() const {

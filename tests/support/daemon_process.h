@@ -42,9 +42,11 @@ class DaemonProcess {
 
   // True while the process has not ended.
   bool Running();
-  // Connects repeatedly until the daemon accepts (it listens only once
-  // serving). False if it never does within `timeout`.
-  bool WaitUntilServing(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // True once the daemon says it serves (it listens by then; its log level
+  // for "tesk" must be 1 or more).
+  bool WaitUntilServing(std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+    return WaitForLog("tesk: Serving TESK interface", timeout);
+  }
 
   // Resource figures read from /proc, for leak checks.
   int OpenDescriptorCount() const;
@@ -58,10 +60,6 @@ class DaemonProcess {
 
 // Path of a binary built in the same tree as the tests ("../lib/NAME" for a library).
 std::string BuiltBinary(const std::string& name);
-
-// A path that other programs (a shell, hostinit) can start `binary` by: the
-// binary itself, or under an emulator a script that runs it there.
-std::string NativeProgram(const std::string& binary);
 
 // Runs a program to its end with extra environment (as in Options); collects its output.
 struct ProcessResult {

@@ -20,10 +20,6 @@ constexpr bool kUnderEmulator = true;
 constexpr bool kUnderEmulator = false;
 #endif
 
-// qemu-user opens no generic netlink sockets, so a daemon run under it logs
-// this line once at start; nothing else in its log comes from the emulator.
-constexpr char kEmulatorOnlyLogLine[] = "E tesk: Failed to open netlink socket: 93 (";
-
 // The machine an ELF file is built for (e_machine: two bytes at offset 18 in
 // both ELF classes), or -1 when it is no ELF file.
 inline int ElfMachine(const char* file) {
