@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,6 +61,20 @@ pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>
 
 std::string BuiltBinary(const std::string& name) {
   return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / name).string();
+}
+
+std::string NativeProgram(const std::string& binary) {
+  const std::vector<std::string> command = NativeCommand({binary});
+  if (command.size() == 1) return binary;
+  static TempDir scripts;  // one per test process, removed at its exit
+  const std::string script = scripts.Join(binary.substr(binary.rfind('/') + 1));
+  std::ofstream out(script);
+  out << "#!/bin/sh\nexec";
+  for (const std::string& word : command) out << " '" << word << "'";
+  out << " \"$@\"\n";
+  out.close();
+  if (!out || chmod(script.c_str(), 0755) != 0) throw std::runtime_error("cannot write " + script);
+  return script;
 }
 
 DaemonProcess::DaemonProcess(Options options) : socket_path_(dir_.Join("tesk")) {

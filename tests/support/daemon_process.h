@@ -61,6 +61,10 @@ class DaemonProcess {
 // Path of a binary built in the same tree as the tests ("../lib/NAME" for a library).
 std::string BuiltBinary(const std::string& name);
 
+// A path that other programs (a shell, hostinit) can start `binary` by: the
+// binary itself, or under an emulator a script that runs it there.
+std::string NativeProgram(const std::string& binary);
+
 // Runs a program to its end with extra environment (as in Options); collects its output.
 struct ProcessResult {
   int exit_code = -1;  // 128 + signal when killed, 127 when it cannot start
