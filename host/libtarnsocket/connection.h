@@ -120,7 +120,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // *reading: the caller holds the read side, and gives it up (clearing
   // *reading) rather than block on a full socket with it, since the peer
   // may be blocked writing to us in turn. At give_up the caller stops
-  // waiting: the rest is copied and a worker finishes it (-EINPROGRESS).
+  // waiting: the rest is copied and a worker finishes it (-EINPROGRESS), or
+  // nothing was written if another writer still held the socket (-EBUSY).
   int Send(iovec* iov, int count, uint64_t bytes, bool* reading = nullptr,
            Clock::time_point give_up = Clock::time_point::max());
   // Release frames never wait for the socket: when another writer holds it
@@ -129,7 +130,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void SendRelease(uint32_t handle, uint32_t count);
   void SendQueuedReleases();
   // Send's writing, with write_mutex_ held by *lock, which it lets go.
-  int WriteLocked(std::unique_lock<std::mutex>* lock, iovec* iov, int count, uint64_t bytes,
+  int WriteLocked(std::unique_lock<std::timed_mutex>* lock, iovec* iov, int count, uint64_t bytes,
                   bool* reading, Clock::time_point give_up);
   // Answers a call with result and null output objects; false if the read
   // side had to be given up on the way.
@@ -193,7 +194,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   const uint32_t peer_timeout_ms_;
   pid_t peer_pid_ = 0;
 
-  std::mutex write_mutex_;  // one frame at a time on the socket
+  std::timed_mutex write_mutex_;  // one frame at a time on the socket
   // What a writer that stopped waiting left of its frame; whoever writes
   // next sends it first. Under write_mutex_.
   std::vector<uint8_t> unsent_;

@@ -100,6 +100,19 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
   }
   const uint64_t bytes = total + sizeof(FrameHeader);
   const int sent = Send(iov, count, bytes, &reading, give_up);
+  if (sent == -EBUSY) {
+    // Another writer, held up by this very client, kept the socket past
+    // the budget: the call waits its turn in the background instead.
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto it = std::find(waiters_.begin(), waiters_.end(), &waiter);
+      if (it != waiters_.end()) waiters_.erase(it);
+      probation_ = true;
+    }
+    WaitBudget::Instance().Spend(start, true);
+    for (unsigned i = 0; i < out_objs; ++i) args[in_bufs + in_objs + i].o = kNullObject;
+    return Defer(handle, op, counts, sizes, refs, args, static_cast<uint8_t>(depth), total);
+  }
   // The peer's own time: the answer after the whole frame is written.
   const Clock::time_point due =
       After(peer_timeout_ms_ + (sent == -EINPROGRESS ? bytes / kMinBytesPerMs : 0));

@@ -12,7 +12,7 @@ namespace tarnsocket {
 
 int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading,
                      Clock::time_point give_up) {
-  std::unique_lock<std::mutex> lock(write_mutex_, std::try_to_lock);
+  std::unique_lock<std::timed_mutex> lock(write_mutex_, std::try_to_lock);
   if (!lock.owns_lock()) {
     // Another writer may be waiting for the peer to read, and the peer
     // for us to read: never wait with the read side held.
@@ -20,12 +20,16 @@ int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading,
       *reading = false;
       GiveUpReadSide();
     }
-    lock.lock();
+    if (give_up == Clock::time_point::max()) {
+      lock.lock();
+    } else if (!lock.try_lock_until(give_up)) {
+      return -EBUSY;
+    }
   }
   return WriteLocked(&lock, iov, count, bytes, reading, give_up);
 }
 
-int Connection::WriteLocked(std::unique_lock<std::mutex>* lock, iovec* iov, int count,
+int Connection::WriteLocked(std::unique_lock<std::timed_mutex>* lock, iovec* iov, int count,
                             uint64_t bytes, bool* reading, Clock::time_point give_up) {
   iovec all[kMaxSlots + 2];
   iovec* next = all;
@@ -104,7 +108,7 @@ void Connection::SendQueuedReleases() {
   // A writer that fails to take the socket here has queued its frames
   // before; the holder looks again after letting go, and sees them.
   while (releases_queued_.load()) {
-    std::unique_lock<std::mutex> lock(write_mutex_, std::try_to_lock);
+    std::unique_lock<std::timed_mutex> lock(write_mutex_, std::try_to_lock);
     // With part of a frame unsent, the worker that sends the rest sends
     // these after it.
     if (!lock.owns_lock() || !unsent_.empty()) return;
