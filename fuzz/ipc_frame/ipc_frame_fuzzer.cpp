@@ -6,7 +6,6 @@
 #include <string.h>
 
 #include <cstdlib>
-#include <vector>
 
 #include "frame.h"
 

@@ -41,9 +41,8 @@ struct CountingCallback {
   Object object() { return Object{&CountingCallback::Invoke, this}; }
   static int32_t Invoke(void* context, uint32_t op, ObjectArg*, uint32_t) {
     const uint32_t o = op & OBJECT_OP_MASK;
-    static_cast<CountingCallback*>(context)->held += o == OBJECT_OP_RETAIN    ? 1
-                                                     : o == OBJECT_OP_RELEASE ? -1
-                                                                              : 0;
+    static_cast<CountingCallback*>(context)->held +=
+        (o == OBJECT_OP_RETAIN) - (o == OBJECT_OP_RELEASE);
     return OBJECT_OK;
   }
   void CheckBalanced() const {

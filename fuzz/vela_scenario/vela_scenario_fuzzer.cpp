@@ -21,8 +21,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   vela_sim::Neighbourhood neighbourhood(scenario, 1000000);
   vela_sim::SentRequest request;
-  request.requestId = 1;
-  request.requestType = VELARequest::REQUEST_TYPE_DISCOVERY_SCAN;
   request.scanFlag = true;
   neighbourhood.AnswerDiscovery(request, 2000000);
   request.kind = VELADiscoveryScanRequest::KIND_CACHE_ONLY;
@@ -30,8 +28,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   neighbourhood.AnswerDiscovery(request, 3000000);
 
   vela_sim::SentRequest ranging;
-  ranging.requestId = 2;
-  ranging.requestType = VELARequest::REQUEST_TYPE_RANGING_SCAN;
   for (const vela_sim::ScenarioRange& r : scenario.ranges) {
     ranging.nodes.emplace_back().mac = vela_sim::FromMac48(r.mac);
   }

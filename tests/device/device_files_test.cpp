@@ -60,9 +60,7 @@ bool Allows(const std::string& policy, const std::string& source, const std::str
 TEST(DeviceFiles, AgreeWithEachOtherTheCodeAndTheBuild) {
   const std::string bp = Read("Android.bp"), te = Read("sepolicy/tesk.te");
   const std::string macros = Read("sepolicy/te_macros"), labels = Read("sepolicy/file_contexts");
-  const std::vector<std::string> rc_files = BlueprintList(bp, "init_rc");
-  ASSERT_EQ(rc_files.size(), 1u);
-  const std::string rc = Read(rc_files[0]);
+  const std::string rc = Read(BlueprintList(bp, "init_rc").at(0));
   const std::vector<std::string> service = Words(Find(rc, "(?:^|\\n)\\s*service\\s+(.*)"));
   const std::vector<std::string> socket = Words(Find(rc, "(?:^|\\n)\\s*socket\\s+(.*)"));
   ASSERT_EQ(service.size(), 2u);  // NAME PATH

@@ -81,8 +81,7 @@ class DispatcherTest : public ::testing::Test {
     return VelaDispatcher::Get().SendRequest(request.get(), record, remote.object(), handle);
   }
 
-  // Another answer to `id`; Answer returns once it is handled.
-  static void Answer(unsigned int id) { vela_test::DeliverAndWait(AnswerTo(id)); }
+  // Another answer to `id`.
   static vela::VELAResponse* AnswerTo(unsigned int id) {
     return vela_test::MakeResponseOfType(id, vela::VELAResponse::RESPONSE_TYPE_RANGING_SCAN);
   }
@@ -133,7 +132,7 @@ TEST_F(DispatcherTest, LogsAndDeliversAtMostOnceWhateverTheOrder) {
     ASSERT_EQ(Send(id, remote, &handle), 0);
     for (const char* step = c.steps; *step != '\0'; ++step) {
       if (*step == 'a') vela_test::ReleaseHeldAnswers();
-      if (*step == 'd') Answer(id);
+      if (*step == 'd') vela_test::DeliverAndWait(AnswerTo(id));
       if (*step == 'n') vela_test::DeliverAndWait(nullptr);
       const uint32_t op = *step == 'r' ? OBJECT_OP_RELEASE : *step == '+' ? OBJECT_OP_RETAIN : 0u;
       const int32_t result =
@@ -170,8 +169,8 @@ TEST_F(DispatcherTest, FailedSendsKeepNothing) {
   EXPECT_EQ(duplicate.retains + duplicate.releases + refused.retains + refused.releases, 0);
 
   // The first request still owns its id; the refused one was never kept.
-  Answer(id);
-  Answer(refused_id);
+  vela_test::DeliverAndWait(AnswerTo(id));
+  vela_test::DeliverAndWait(AnswerTo(refused_id));
   EXPECT_EQ(first.delivered, 1);
   EXPECT_EQ(log_.Take().back(), Line(kUnexpected, refused_id));
   ObjectRelease(handle);
