@@ -184,23 +184,20 @@ TEST_F(ScanObjectTest, RefusedScansReturnOne) {
   EXPECT_EQ(retains_, 1);
 }
 
-// SSIDs are cut to 32 bytes, a length of 0 is kept, a partial record is ignored;
-// BSSID records are (low, high) and reach the factory high half first.
-TEST_F(ScanObjectTest, SsidAndBssidFilters) {
+// SSIDs are cut to 32 bytes, a length of 0 is kept, a partial record is
+// ignored. (BSSID records show end to end: ScanEndToEnd scans for each.)
+TEST_F(ScanObjectTest, SsidRecordsAreCutTo32Bytes) {
   WifiSsid long_name{{}, 40, {}}, hidden{{}, 0, {'x'}}, home{{}, 4, {}};
   for (int i = 0; i < 32; ++i) long_name.ssid[i] = static_cast<uint8_t>('a' + i % 26);
   memcpy(home.ssid, "home-and-more", 13);
-  Bytes ssids = AsBytes(long_name, hidden, home), bssids = AsBytes(0x445566, 0x112233, 0xAABBCC, 1);
+  Bytes ssids = AsBytes(long_name, hidden, home);
   ssids.resize(ssids.size() + 35, 0x55);
-  bssids.resize(bssids.size() + 7, 0xEE);
-  ASSERT_EQ(Discover({}, {}, ssids, bssids), 0);
+  ASSERT_EQ(Discover({}, {}, ssids), 0);
   const vt::SentRequest sent = Sent();
   std::vector<std::string> texts;
   for (const kf::VELASsid& ssid : sent.ssidFilter) texts.push_back(vt::SsidBytes(ssid));
   EXPECT_THAT(texts, ElementsAre("abcdefghijklmnopqrstuvwxyzabcdef", "", "home"));
   EXPECT_TRUE(sent.ssidFilter.at(1).isSSIDValid());
-  EXPECT_THAT(sent.bssidFilter,
-              ElementsAre(vt::MakeMac(0x112233, 0x445566), vt::MakeMac(0x000001, 0xAABBCC)));
 }
 
 // Only whole records count. Enum values out of range fall back (nodeEnum1 1-5, nodeEnum2 0-3 else
