@@ -348,10 +348,48 @@ int Pinner(const RoleOptions& options) {
   return tally.Report("pinner", options);
 }
 
+// Connections that each open with a frame broken in one of several ways,
+// which the daemon must end (and only them). Returns 1 if one stays open.
+int Malformed(const RoleOptions& options) {
+  Tally tally;
+  std::minstd_rand random(options.seed);
+  const Clock::time_point deadline =
+      Clock::now() + milliseconds(static_cast<int64_t>(options.seconds * 1000));
+  const Bytes good = InvokeFrame(0, OBJECT_OP_METHOD, {{1, 0, 0, 0}}, false);
+  const std::vector<std::function<void(tarnsocket::FrameHeader&)>> breaks = {
+      [](auto& h) { h.type = 0x7f; },             // unknown frame type
+      [](auto& h) { h.reserved[1] = 1; },         // reserved field set
+      [](auto& h) { h.handle = 0x5eed; },         // call of an unknown handle
+      [](auto& h) { h.body_size = 0xfffffff0; },  // frame too large
+      [](auto& h) { h.body_size -= 1; },          // sizes do not add up
+  };
+  while (TimeLeft(deadline)) {
+    Bytes frame = good;
+    tarnsocket::FrameHeader header;
+    memcpy(&header, frame.data(), sizeof header);
+    breaks[random() % breaks.size()](header);
+    memcpy(frame.data(), &header, sizeof header);
+    const int fd = RawConnect(options.socket_path);
+    if (fd < 0) continue;
+    ++tally.started;
+    // Only the header for an oversized frame: the daemon must not wait for more.
+    if (header.body_size > good.size()) frame.resize(sizeof header);
+    SendAll(fd, frame);  // may fail once the daemon has seen enough
+    const bool ended = WaitForEnd(fd, milliseconds(5000));
+    tally.ended += ended;
+    tally.unanswered += !ended;
+    close(fd);
+    std::this_thread::sleep_for(milliseconds(20));
+  }
+  tally.Report("malformed", options);
+  return tally.unanswered == 0 ? 0 : 1;
+}
+
 }  // namespace
 
-const std::vector<std::string> kFaultRoles = {"scan", "range", "early",  "deauth", "slow",
-                                              "scan", "range", "silent", "deauth", "deaf"};
+const std::vector<std::string> kFaultRoles = {"scan",   "range", "early",    "deauth",
+                                              "slow",   "scan",  "range",    "silent",
+                                              "deauth", "deaf",  "malformed"};
 
 int RunRole(const std::string& name, const RoleOptions& options) {
   signal(SIGTERM, [](int) { stopped = 1; });
@@ -375,6 +413,7 @@ int RunRole(const std::string& name, const RoleOptions& options) {
       {"deaf", [&] { return Deaf(options); }},
       {"slow-senders", [&] { return SlowSenders(options); }},
       {"pinner", [&] { return Pinner(options); }},
+      {"malformed", [&] { return Malformed(options); }},
   };
   if (const auto it = others.find(name); it != others.end()) return it->second();
   fprintf(stderr, "soak: unknown role %s\n", name.c_str());
