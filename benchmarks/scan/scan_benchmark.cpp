@@ -205,10 +205,16 @@ void MeasureMemory(bench::ScanClient* client, pid_t daemon, long done, bool quic
   const long first = quick ? 100 : 10000;
   const long second = quick ? 1000 : 100000;
   const double start = NowNs();
+  // Read once the daemon is quiet, after the IPC library's idle trim (a
+  // second): what the scans left behind, not the heap's working slack.
+  auto resident_at_rest = [daemon] {
+    usleep(1500 * 1000);
+    return bench::ReadCounters(daemon).resident_kb;
+  };
   if (!ScanUntil(client, &done, first)) return Fail("daemon RSS", "a scan failed");
-  const int64_t rss_first = bench::ReadCounters(daemon).resident_kb;
+  const int64_t rss_first = resident_at_rest();
   if (!ScanUntil(client, &done, second)) return Fail("daemon RSS", "a scan failed");
-  const int64_t rss_second = bench::ReadCounters(daemon).resident_kb;
+  const int64_t rss_second = resident_at_rest();
   std::printf("@note %ld scans of 21 APs took %.1f s in all\n", second, (NowNs() - start) / 1e9);
   bench::Row after_first;
   after_first.figure = "daemon RSS after " + std::to_string(first) + " scans";

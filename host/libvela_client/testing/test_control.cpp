@@ -13,6 +13,9 @@ namespace vela_test {
 
 namespace {
 
+// A test that forgets to Reset must not turn recording into a leak.
+constexpr size_t kMaxRecordedRequests = 4096;
+
 using vela_sim::DeliveryQueue;
 using vela_sim::SimulatedClient;
 using Queue = std::shared_ptr<DeliveryQueue>;
@@ -44,7 +47,7 @@ class Control : public vela_sim::ControlObserver {
     SendHook run;
     {
       std::lock_guard<std::mutex> lock(mutex);
-      if (recording) sent.push_back(request);
+      if (recording && sent.size() < kMaxRecordedRequests) sent.push_back(request);
       run = hook;
     }
     if (run) run(request, action);

@@ -40,7 +40,7 @@ using SendHook = std::function<void(const SentRequest& request, SendAction* acti
 // holding and drops held answers. Scenario text set by SetScenarioText stays.
 void Reset();
 
-// Records every request sent from now until the next Reset.
+// Records the requests sent from now until the next Reset, the first 4,096.
 void RecordRequests();
 
 void SetSendHook(SendHook hook);
