@@ -1,8 +1,6 @@
 // End to end, each part in its own process: the daemon as init starts it, the simulated location
 // service following a scenario file, and teskctl as the client.
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <cstring>
@@ -18,10 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/daemon_process.h"
-#include "tests/support/emulator.h"
 #include "tests/support/temp_dir.h"
-
-extern char** environ;
 
 namespace {
 
@@ -34,9 +29,8 @@ constexpr std::chrono::seconds kPatience{30};
 struct ScenarioDaemon {
   explicit ScenarioDaemon(const std::string& scenario) {
     std::ofstream(dir.Join("scenario")) << scenario;
-    tesk_test::DaemonProcess::Options options;
-    options.environment.push_back("VELA_SCENARIO=" + dir.Join("scenario"));
-    process = std::make_unique<tesk_test::DaemonProcess>(options);
+    process = std::make_unique<tesk_test::DaemonProcess>(
+        tesk_test::DaemonProcess::Options{"", {"VELA_SCENARIO=" + dir.Join("scenario")}});
     EXPECT_TRUE(process->WaitUntilServing());
   }
   ~ScenarioDaemon() {  // fails the test when a sanitizer in the daemon reported anything
@@ -60,20 +54,6 @@ struct Teskctl {
   std::vector<std::string> lines;
 };
 
-// teskctl in the background until `signal` ends it: the exit code, 128 + signal when killed.
-int SignalledTeskctl(std::vector<std::string> args, const ScenarioDaemon& daemon, int signal) {
-  args.insert(args.begin(), tesk_test::BuiltBinary("teskctl"));
-  args = tesk_test::NativeCommand(std::move(args));
-  std::vector<char*> argv = tesk_test::ArgumentPointers(args);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;
-  EXPECT_TRUE(daemon.process->WaitForLog("StartScan returning 0\n", kPatience));
-  kill(pid, signal);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 // True when the flat JSON line holds "key":value as a whole field.
 bool HasField(const std::string& line, const std::string& key, const std::string& value) {
   const std::string field = "\"" + key + "\":" + value;
@@ -83,21 +63,19 @@ bool HasField(const std::string& line, const std::string& key, const std::string
 
 struct Ap {
   std::string bssid, ssid_hex;
-  int channel, rssi;
+  int channel;
   std::string ies_hex;  // SSID, DS parameter set (the channel), then the rest
-  std::string ssid_json, security, vendor_ouis;
+  std::string ssid_json;
 };
 
-// A plain name with an RSN element (CCMP, PSK), one that is not UTF-8, and one that needs
-// JSON escapes with a vendor element.
+// A name in UTF-8 with an RSN element (CCMP, PSK), one that is not UTF-8 (so shown in hex),
+// and one that needs JSON escapes with a vendor element.
 const Ap kAps[] = {
-    {"02:11:22:33:44:01", "706c61696e", 6, -40,
-     "0005706c61696e03010630120100000fac040100000fac040100000fac02", "\"plain\"",
-     "\"RSN:PSK/CCMP\"", "[]"},
-    {"02:11:22:33:44:02", "fffe0041", 36, -70, "0004fffe0041030124", "\"fffe0041\"", "\"none\"",
-     "[]"},
-    {"02:11:22:33:44:03", "7361792268695c", 11, -90, "00077361792268695c03010bdd050010180102",
-     "\"say\\\"hi\\\\\"", "\"none\"", "[\"00:10:18\"]"}};
+    {"02:11:22:33:44:01", "636166c3a9", 6,
+     "0005636166c3a903010630120100000fac040100000fac040100000fac02", "\"caf\xc3\xa9\""},
+    {"02:11:22:33:44:02", "fffe0041", 36, "0004fffe0041030124", "\"fffe0041\""},
+    {"02:11:22:33:44:03", "7361792268695c0a", 11, "00087361792268695c0a03010bdd050010180102",
+     "\"say\\\"hi\\\\\\n\""}};
 
 // The access points; ranging finds the first plain and the second by its measurement.
 std::string Neighbourhood() {
@@ -105,7 +83,7 @@ std::string Neighbourhood() {
   scenario << "latency 5\n";
   for (const Ap& ap : kAps) {
     scenario << "ap bssid=" << ap.bssid << " ssid=hex:" << ap.ssid_hex << " channel=" << ap.channel
-             << " rssi=" << ap.rssi << " ies=" << ap.ies_hex << "\n";
+             << " ies=" << ap.ies_hex << "\n";
   }
   scenario << "range " << kAps[0].bssid << " plain rssi=-71\nrange " << kAps[1].bssid
            << " distance=4200 spread=150 rssi=-52\n";
@@ -113,7 +91,8 @@ std::string Neighbourhood() {
 }
 
 // Clients at once, each with its own results: the three access points in the response's order,
-// every field as the beacon says; each station alone when asked for; a ranging answer with one
+// their records and elements as the scenario says (what teskctl makes of the elements is its
+// own tests' business); each station alone when asked for; a ranging answer with one
 // plain and one ranging measurement.
 TEST(ScanEndToEnd, ConcurrentClientsEachGetTheirOwnResults) {
   ScenarioDaemon daemon(Neighbourhood());
@@ -140,9 +119,7 @@ TEST(ScanEndToEnd, ConcurrentClientsEachGetTheirOwnResults) {
     // clang-format off
     const std::pair<const char*, std::string> fields[] = {
         {"bssid", "\"" + ap.bssid + "\""}, {"ssid", ap.ssid_json}, {"ssidHex", i == 1 ? "true" : "false"},
-        {"value8_8", std::to_string(ap.channel)}, {"value32_5", std::to_string(uint32_t(ap.rssi))},
-        {"beaconIes", "\"" + ap.ies_hex + "\""}, {"channel", std::to_string(ap.channel)},
-        {"security", ap.security}, {"vendorOuis", ap.vendor_ouis}};
+        {"value8_8", std::to_string(ap.channel)}, {"beaconIes", "\"" + ap.ies_hex + "\""}};
     // clang-format on
     for (const auto& [key, value] : fields) EXPECT_TRUE(HasField(scan[i + 1], key, value)) << key;
     ASSERT_EQ(runs[2 + i]->lines.size(), 2u) << runs[2 + i]->result.out;
@@ -161,21 +138,19 @@ TEST(ScanEndToEnd, ConcurrentClientsEachGetTheirOwnResults) {
   }
 }
 
-// A scan abandoned before its answer, by a client that gives up, is interrupted or dies: the
-// late answer finds nothing to go to, and the daemon serves the next client.
+// A scan abandoned before its answer, by a client that is interrupted (and
+// releases its handle) or dies: the late answer finds nothing to go to, and
+// the daemon serves the next client.
 TEST(ScanEndToEnd, AbandonedScanGetsNoDeliveryAndTheDaemonServesOn) {
-  const std::pair<int, int> cases[] = {{0, 4}, {SIGINT, 130}, {SIGTERM, 130}, {SIGKILL, 137}};
-  for (const auto& [signal, exit_code] : cases) {
-    SCOPED_TRACE(signal == 0 ? "timed out" : strsignal(signal));
+  for (const auto& [signal, exit_code] : {std::pair{SIGINT, 130}, std::pair{SIGKILL, 137}}) {
+    SCOPED_TRACE(strsignal(signal));
     ScenarioDaemon daemon("latency 3000\nap bssid=02:00:00:00:00:01 channel=1\n");
     const std::string socket = daemon.process->socket_path();
-    if (signal == 0) {
-      const Teskctl scan({"--socket", socket, "--timeout", "0.5", "scan"});
-      EXPECT_EQ(scan.result.exit_code, exit_code);
-      EXPECT_THAT(scan.result.err, HasSubstr("no results within"));
-    } else {
-      EXPECT_EQ(SignalledTeskctl({"--socket", socket, "scan"}, daemon, signal), exit_code);
-    }
+    const pid_t pid =
+        tesk_test::StartProcess({tesk_test::BuiltBinary("teskctl"), "--socket", socket, "scan"});
+    EXPECT_TRUE(daemon.process->WaitForLog("StartScan returning 0\n", kPatience));
+    kill(pid, signal);
+    EXPECT_EQ(tesk_test::AwaitExit(pid), exit_code);
     ASSERT_TRUE(daemon.process->WaitForLog("Dispatcher: Aborted ID 1\n", kPatience));
     ASSERT_TRUE(daemon.process->WaitForLog("Dispatcher: Unexpected request ID 1\n", kPatience));
     EXPECT_EQ(daemon.process->CountInLog("DiscoveryScan: ResponseReceived"), 0u);

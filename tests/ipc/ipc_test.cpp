@@ -1,6 +1,6 @@
 // The IPC library end to end over real sockets: objects crossing both ways,
 // peers that die, stall or send garbage (only their connection ends, what they
-// held is released once), and how a service ends.
+// held is released once).
 #include <string.h>
 
 #include <chrono>
@@ -77,10 +77,9 @@ struct Nested : Counted {
 };
 
 // Threads on connections of their own and on one shared connection make
-// calls of many buffers and have their callbacks nest, while two threads have
-// megabytes echoed back: both directions full at once, so neither end may
-// stop reading while it waits to write. Then a chain nested deeper than the
-// limit fails at once with its own result and holds no worker afterwards.
+// calls of many buffers, while two threads have megabytes echoed back: both directions full at
+// once, so neither end may stop reading while it waits to write. Then a chain nested deeper than
+// the limit fails at once with its own result and holds no worker afterwards.
 TEST(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
   // Megabytes go to callbacks, which may take their time under a sanitizer.
   ScopedEnv patient{"TARN_CALLBACK_TIMEOUT_MS", "10000"};
@@ -103,7 +102,6 @@ TEST(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
   for (uint32_t t = 0; t < 6; ++t) {
     threads.emplace_back([&, t] {
       const Object root = t % 2 == 0 ? shared : served.Connect();
-      Nested callback(root);
       for (uint32_t i = 0; i < 200; ++i) {
         // Back to back here: what follows each in our memory must not show there.
         const Bytes data = Pattern(1500, t * 1000 + i);
@@ -111,13 +109,8 @@ TEST(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
         ObjectArg args[8];
         for (size_t b = 0, at = 0; b < 8; at += sizes[b++]) args[b] = Buf(&data[at], sizes[b]);
         ASSERT_EQ(Call(root, kOpChecksum, args, 8), Checksum(args, 8));
-        if (i % 50 == 0) {
-          ASSERT_EQ(Echo(root, 3, callback.AsObject()), 103);
-        }
       }
-      EXPECT_EQ(callback.calls, 16);
       if (root.context != shared.context) ObjectRelease(root);
-      EXPECT_EQ(callback.Settle(), 0);
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -197,30 +190,29 @@ TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
   const struct {
     std::string why;  // the line logged
     Bytes bytes;
+    int32_t refused = 0;     // its last call is answered with this; the connection stays
     uint64_t delivered = 0;  // size of calls then made to its callback...
     int calls = 0;           // ...this many, each failing with `result`
     int32_t result = TARN_IPC_ERROR_TIMEOUT;
-    int32_t last = 0;     // of the last call, if not `result`
-    bool hold = false;    // the client keeps its end open: the service ends it
-    int32_t refused = 0;  // its last call is answered with this; the connection stays
+    int32_t last = 0;  // of the last call, if not `result`
   } cases[] = {
-      {"peer took no data for 300 ms", store_callback, 16u << 20, 1},
-      {"a call of more than 67108864 bytes cannot be sent", store_callback, kMaxBodySize + 1, 1,
+      {"peer took no data for 300 ms", store_callback, 0, 16u << 20, 1},
+      {"a call of more than 67108864 bytes cannot be sent", store_callback, 0, kMaxBodySize + 1, 1,
        OBJECT_ERROR_INVALID},
       // The first call is waited for; the rest go out one by one as answers
       // come, which they never do. (Last of the rows that call back: this
       // process is then remembered as slow.)
-      {"65 calls wait for answers that do not come", store_callback, 64, 66, TARN_IPC_ERROR_TIMEOUT,
-       TARN_IPC_ERROR_DEAD},
-      {kSlow, Bytes(10), 0, 0, 0, 0, true},
-      {kSlow, Frame({100000, kFrameInvoke, 1, {}, 1, 0, 0, 1}, {Raw(uint64_t{99992}), Bytes(5000)}),
-       0, 0, 0, 0, true},
+      {"65 calls wait for answers that do not come", store_callback, 0, 64, 66,
+       TARN_IPC_ERROR_TIMEOUT, TARN_IPC_ERROR_DEAD},
+      // These two keep their end open: the service ends them.
+      {kSlow, Bytes(10)},
+      {kSlow,
+       Frame({100000, kFrameInvoke, 1, {}, 1, 0, 0, 1}, {Raw(uint64_t{99992}), Bytes(5000)})},
       {"call of 2000000 bytes, more than the limit of 1048576",
        Frame({2000000, kFrameInvoke, 1, {}, 1, 0, 0, 0})},
       {"calls refused: nested 200 deep, more than 32",
-       Frame({0, kFrameInvoke, 200, {}, 1, 0, kOpChecksum, 0}), 0, 0, 0, 0, false,
-       TARN_IPC_ERROR_TOO_DEEP},
-      {"calls refused: 2 in flight already", Cat({block(1), block(2), block(3)}), 0, 0, 0, 0, false,
+       Frame({0, kFrameInvoke, 200, {}, 1, 0, kOpChecksum, 0}), TARN_IPC_ERROR_TOO_DEEP},
+      {"calls refused: 2 in flight already", Cat({block(1), block(2), block(3)}),
        TARN_IPC_ERROR_BUSY},
       {"malformed frame: unknown frame type", Frame({0, 0, 0, {}, 1, 0, 0, 0})},
       {"malformed frame: output buffers are not supported",
@@ -281,7 +273,7 @@ TEST(IpcPeerFailureTest, BadPeersLoseOnlyTheirConnection) {
       EXPECT_EQ(answer.call_id, c.refused == TARN_IPC_ERROR_BUSY ? 3u : 1u);
     }
     if (c.refused == TARN_IPC_ERROR_BUSY) served.unblocked = true;  // the two calls may end now
-    if (!c.hold) shutdown(fd, SHUT_WR);
+    if (c.why != kSlow) shutdown(fd, SHUT_WR);
     char byte[64];
     while (read(fd, byte, sizeof byte) > 0) {
     }  // ended without a word but the answers owed

@@ -9,10 +9,7 @@
 namespace {
 
 // A recognisable non-null object, to tell "cleared" from "untouched".
-int32_t Sentinel(void*, uint32_t, ObjectArg*, uint32_t) {
-  return 0;
-}
-const Object kSentinel{Sentinel, reinterpret_cast<void*>(0x5e17)};
+const Object kSentinel{root_invoke, reinterpret_cast<void*>(0x5e17)};
 
 std::vector<uint8_t> Id(uint32_t id) {
   return {static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8), static_cast<uint8_t>(id >> 16),

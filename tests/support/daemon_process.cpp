@@ -8,7 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -26,38 +26,38 @@ std::string ReadFile(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-// Starts `argv` with our environment less the names in `extra`, plus its
-// "NAME=value" entries; stdin from /dev/null, stdout and stderr to the files
-// named. -1 when it cannot start.
-pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extra,
-            const std::string& out, const std::string& err) {
+}  // namespace
+
+pid_t StartProcess(const std::vector<std::string>& argv, const std::vector<std::string>& extra,
+                   const std::string& out, const std::string& err) {
+  const auto name = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) {
-    const std::string entry = *e, name = entry.substr(0, entry.find('='));
-    bool overridden = false;
-    for (const std::string& x : extra) overridden |= x.substr(0, x.find('=')) == name;
-    if (!overridden) env.push_back(entry);
+    const auto same = [&](const std::string& x) { return name(x) == name(*e); };
+    if (std::none_of(extra.begin(), extra.end(), same)) env.push_back(*e);
   }
   for (const std::string& x : extra) {
-    if (x.find('=') != std::string::npos) env.push_back(x);
+    if (x != name(x)) env.push_back(x);
   }
   std::vector<std::string> args = NativeCommand(argv);
   std::vector<char*> argp = ArgumentPointers(args), envp = ArgumentPointers(env);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  for (int fd : {STDOUT_FILENO, STDERR_FILENO}) {
-    const std::string& file = fd == STDOUT_FILENO ? out : err;
-    posix_spawn_file_actions_addopen(&actions, fd, file.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-  }
+  const int create = O_WRONLY | O_CREAT | O_TRUNC;
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), create, 0600);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), create, 0600);
   pid_t pid = -1;
-  if (posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data()) != 0) pid = -1;
+  const int failed = posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
-  return pid;
+  return failed ? -1 : pid;
 }
 
-}  // namespace
+int AwaitExit(pid_t pid) {
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return 127;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 std::string BuiltBinary(const std::string& name) {
   return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / name).string();
@@ -93,7 +93,7 @@ DaemonProcess::DaemonProcess(Options options) : socket_path_(dir_.Join("tesk")) 
     }
     extra.back() += "=" + std::to_string(socket_fd);
   }
-  pid_ = Spawn({options.program}, extra, "/dev/null", dir_.Join("log"));
+  pid_ = StartProcess({options.program}, extra, "/dev/null", dir_.Join("log"));
   if (socket_fd >= 0) close(socket_fd);
   if (pid_ < 0) throw std::runtime_error("cannot start " + options.program);
 }
@@ -148,13 +148,7 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
                          const std::vector<std::string>& environment) {
   const TempDir dir;
   ProcessResult result;
-  const pid_t pid = Spawn(argv, environment, dir.Join("out"), dir.Join("err"));
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) {
-    result.exit_code = 127;
-  } else {
-    result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
+  result.exit_code = AwaitExit(StartProcess(argv, environment, dir.Join("out"), dir.Join("err")));
   result.out = ReadFile(dir.Join("out"));
   result.err = ReadFile(dir.Join("err"));
   return result;

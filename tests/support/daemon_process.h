@@ -65,9 +65,17 @@ std::string BuiltBinary(const std::string& name);
 // binary itself, or under an emulator a script that runs it there.
 std::string NativeProgram(const std::string& binary);
 
-// Runs a program to its end with extra environment (as in Options); collects its output.
+// Starts a program with extra environment (as in Options), stdin from
+// /dev/null, stdout and stderr to the files named; -1 when it cannot start.
+pid_t StartProcess(const std::vector<std::string>& argv,
+                   const std::vector<std::string>& environment = {},
+                   const std::string& out = "/dev/null", const std::string& err = "/dev/null");
+// Reaps it: its exit code, 128 + signal when killed, 127 when it never started.
+int AwaitExit(pid_t pid);
+
+// Runs a program to its end (as above); collects its output.
 struct ProcessResult {
-  int exit_code = -1;  // 128 + signal when killed, 127 when it cannot start
+  int exit_code = -1;  // as AwaitExit's
   std::string out;
   std::string err;
 };
