@@ -15,8 +15,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -242,28 +240,29 @@ TEST(DeauthOverIpcTest, TeskctlWatchGetsEachEventInOrderUntilKilled) {
   void* service = TarnIPC_startServiceOnSocket(listen_fd, &root_invoke, nullptr);
   ASSERT_NE(service, nullptr);
 
-  // teskctl's pid first (exec keeps it), then its output and errors; no
-  // deadlines: the test's own timeout catches a hang.
-  const std::string command = "echo $$; exec '" + tesk_test::NativeProgram(TESKCTL) +
-                              "' --socket '" + path + "' watch 2>&1";
-  FILE* watch = popen(command.c_str(), "r");
-  char line[256];
-  ASSERT_NE(fgets(line, sizeof line, watch), nullptr);
-  const pid_t pid = atoi(line);
-  ASSERT_NE(fgets(line, sizeof line, watch), nullptr);
-  EXPECT_STREQ(line, "teskctl: watching disconnect events; interrupt to stop\n");
+  // What teskctl writes, once it holds `lines` lines; no deadlines: the
+  // test's own timeout catches a hang.
+  const std::string out = dir.Join("out"), err = dir.Join("err");
+  const pid_t pid = tesk_test::StartProcess({TESKCTL, "--socket", path, "watch"}, {}, out, err);
+  const auto await = [](const std::string& file, long lines) {
+    std::string text;
+    while (std::count(text.begin(), text.end(), '\n') < lines) {
+      usleep(10000);
+      text = tesk_test::ReadFile(file);
+    }
+    return text;
+  };
+  EXPECT_EQ(await(err, 1), "teskctl: watching disconnect events; interrupt to stop\n");
   ASSERT_TRUE(kernel.Send(DisconnectEvent(1, 4, 7, true).Bytes()));
   ASSERT_TRUE(kernel.Send({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
   ASSERT_TRUE(kernel.Send(DisconnectEvent(0, 3, 0, false).Bytes()));
   ASSERT_TRUE(kernel.Send(DisconnectEvent(2, 9, 65535, false).Bytes()));
-  for (const char* expected : {"disconnect: wiphy 1, ifindex 4, reason 7, by access point\n",
-                               "disconnect: wiphy 0, ifindex 3, reason 0, local\n",
-                               "disconnect: wiphy 2, ifindex 9, reason 65535, local\n"}) {
-    ASSERT_NE(fgets(line, sizeof line, watch), nullptr);
-    EXPECT_STREQ(line, expected);
-  }
+  EXPECT_EQ(await(out, 3),
+            "disconnect: wiphy 1, ifindex 4, reason 7, by access point\n"
+            "disconnect: wiphy 0, ifindex 3, reason 0, local\n"
+            "disconnect: wiphy 2, ifindex 9, reason 65535, local\n");
   kill(pid, SIGKILL);
-  pclose(watch);
+  tesk_test::AwaitExit(pid);
   DeauthMonitor::Get().OnDeauth(5, 5, 5, false);  // to a client gone, or no longer registered
   EXPECT_EQ(log.Take(),
             (std::vector<std::string>{"I family 28 group 8", "W Bad Netlink message length"}));

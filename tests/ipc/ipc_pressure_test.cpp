@@ -30,13 +30,16 @@ size_t Count(const std::string& log, const std::string& what) {
   return n;
 }
 
-Bytes StoreCallbackFrame() {
-  FrameHeader header{8, kFrameInvoke, 1, {}, 1, 0, kOpStore, OBJECT_COUNTS(0, 0, 1, 0)};
-  const ObjectRef callback{kRefSenderExport, 5};
-  Bytes bytes(sizeof header + sizeof callback);
-  memcpy(bytes.data(), &header, sizeof header);
-  memcpy(bytes.data() + sizeof header, &callback, sizeof callback);
-  return bytes;
+// Calls `callback` every 200 ms, for 10 s at most, until it answers `wanted`
+// (not a timeout); the last answer.
+int32_t CallUntil(Object callback, int32_t wanted) {
+  ObjectArg args[1] = {Buf(nullptr, 0)};
+  int32_t result = TARN_IPC_ERROR_TIMEOUT;
+  for (int i = 0; i < 50 && result != wanted; ++i) {
+    std::this_thread::sleep_for(milliseconds(200));
+    result = Call(callback, 0, args, 1);
+  }
+  return result;
 }
 
 // However many clients leave the service waiting at once, together they
@@ -46,9 +49,9 @@ Bytes StoreCallbackFrame() {
 // when its own time is up.
 TEST(IpcPressureTest, SlowClientsShareOneWaitBudget) {
   constexpr int kSilent = 20;
-  setenv("TARN_CALLBACK_TIMEOUT_MS", "1000", 1);
-  setenv("TARN_CALLBACK_STRIKES", "1", 1);
-  setenv("TARN_WAIT_REFILL_MS", "500", 1);
+  ScopedEnv limits[] = {{"TARN_CALLBACK_TIMEOUT_MS", "1000"},
+                        {"TARN_CALLBACK_STRIKES", "1"},
+                        {"TARN_WAIT_REFILL_MS", "500"}};
   Served served;
   std::atomic<bool> done{false};
   Counted silent, bystander;
@@ -63,28 +66,15 @@ TEST(IpcPressureTest, SlowClientsShareOneWaitBudget) {
     callbacks.push_back(served.Stored());
     ObjectRetain(callbacks.back());
   }
-  for (const char* name :
-       {"TARN_CALLBACK_TIMEOUT_MS", "TARN_CALLBACK_STRIKES", "TARN_WAIT_REFILL_MS"})
-    unsetenv(name);
   testing::internal::CaptureStderr();
   ObjectArg args[1] = {Buf(nullptr, 0)};
   const auto start = Clock::now();
   for (Object callback : callbacks) Call(callback, 0, args, 1);
   EXPECT_LT(Clock::now() - start, milliseconds(kSilent * 1000 / 4));  // one wait each: 20 s
   bystander.AwaitCalls(1);
-  int32_t result = TARN_IPC_ERROR_TIMEOUT;
-  for (int i = 0; i < 200 && result != 7; ++i) {
-    std::this_thread::sleep_for(milliseconds(20));
-    result = Call(callbacks.back(), 0, args, 1);
-  }
-  EXPECT_EQ(result, 7);
+  EXPECT_EQ(CallUntil(callbacks.back(), 7), 7);
   for (int i = 0; i < kSilent; ++i) {
-    result = TARN_IPC_ERROR_TIMEOUT;
-    for (int tries = 0; tries < 40 && result != TARN_IPC_ERROR_DEAD; ++tries) {
-      std::this_thread::sleep_for(milliseconds(200));
-      result = Call(callbacks[size_t(i)], 0, args, 1);
-    }
-    EXPECT_EQ(result, TARN_IPC_ERROR_DEAD);
+    EXPECT_EQ(CallUntil(callbacks[size_t(i)], TARN_IPC_ERROR_DEAD), TARN_IPC_ERROR_DEAD);
   }
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_EQ(Count(log, "W tarnsocket: waiting on clients: the process's budget of 200 ms"), 1u)
@@ -98,16 +88,15 @@ TEST(IpcPressureTest, SlowClientsShareOneWaitBudget) {
 }
 
 // The service delivers to each client in turn from one thread, as an event
-// source does. Clients that answer late, never answer or never read cost
-// that thread one wait each, not one per delivery (given a budget for
-// waiting that does not bite first); the bystander gets every delivery;
-// late answers are dropped quietly. A client that is slow again each time
-// it has been forgiven is disconnected at its third strike.
+// source does. Clients that answer late or never cost that thread one wait
+// each, not one per delivery (given a budget for waiting that does not bite
+// first); the bystander gets every delivery; late answers are dropped
+// quietly. A client that is slow again each time it has been forgiven is
+// disconnected at its third strike.
 TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
   constexpr int kRounds = 20;
   constexpr milliseconds kWait{300};
-  setenv("TARN_CALLBACK_TIMEOUT_MS", "300", 1);
-  setenv("TARN_WAIT_BUDGET_MS", "600000", 1);
+  ScopedEnv limits[] = {{"TARN_CALLBACK_TIMEOUT_MS", "300"}, {"TARN_WAIT_BUDGET_MS", "600000"}};
   Served served;
   std::atomic<bool> done{false}, slow{false};
   Counted late, silent, fickle, bystander;
@@ -132,45 +121,33 @@ TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
   }
   const Object fickle_callback = callbacks.back();
   callbacks.pop_back();
-  const int deaf = served.RawConnect(StoreCallbackFrame());
-  while (served.Stored().context == fickle_callback.context) Pause();
-  callbacks.push_back(served.Stored());
-  ObjectRetain(callbacks.back());
-  unsetenv("TARN_CALLBACK_TIMEOUT_MS");
-  unsetenv("TARN_WAIT_BUDGET_MS");
 
   testing::internal::CaptureStderr();
-  const Bytes small(64, 1), large(1u << 20, 2);
+  const Bytes byte(1, 0);
+  ObjectArg args[1] = {Buf(byte.data(), byte.size())};
   int delivered = 0;
   const auto start = Clock::now();
   for (int round = 0; round < kRounds; ++round) {
     for (size_t i = 0; i < callbacks.size(); ++i) {
-      const Bytes& data = i == 3 ? large : small;
-      ObjectArg args[1] = {Buf(data.data(), data.size())};
       const int32_t result = Call(callbacks[i], 0, args, 1);
       if (i == 2) delivered += result == 7;
     }
   }
-  // Waited for: late, silent and deaf once each.
-  EXPECT_LT(Clock::now() - start, 3 * kWait + milliseconds(3000));
+  // Waited for: late and silent once each.
+  EXPECT_LT(Clock::now() - start, 2 * kWait + milliseconds(3000));
   EXPECT_EQ(delivered, kRounds);
   EXPECT_GT(late.calls, 1);  // its deliveries still reach it, one by one
 
-  const Bytes byte(1, 0);
-  ObjectArg args[1] = {Buf(byte.data(), byte.size())};
   for (int strike = 1; strike <= 3; ++strike) {
     slow = true;
     EXPECT_EQ(Call(fickle_callback, 0, args, 1), TARN_IPC_ERROR_TIMEOUT);
     slow = false;
     // Forgiven once a call is answered in time.
-    for (int i = 0; i < 100 && strike < 3 && Call(fickle_callback, 0, args, 1) != 0; ++i) {
-      std::this_thread::sleep_for(milliseconds(50));
-    }
+    EXPECT_EQ(strike < 3 ? CallUntil(fickle_callback, 0) : 0, 0);
   }
   EXPECT_EQ(Call(fickle_callback, 0, args, 1), TARN_IPC_ERROR_DEAD);
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_NE(log.find("closed: 3 calls got no answer within 300 ms"), std::string::npos) << log;
-  EXPECT_NE(log.find("closed: peer took no data for 300 ms"), std::string::npos) << log;
   EXPECT_EQ(log.find("answer to no call"), std::string::npos) << log;
 
   // This process was slow: its new connection starts on probation, served but
@@ -182,18 +159,12 @@ TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
   ObjectRetain(callbacks.back());
   EXPECT_EQ(Call(callbacks.back(), 0, args, 1), TARN_IPC_ERROR_TIMEOUT);
   newcomer.AwaitCalls(1);
-  int32_t forgiven = TARN_IPC_ERROR_TIMEOUT;
-  for (int i = 0; i < 100 && forgiven != 7; ++i) {
-    std::this_thread::sleep_for(milliseconds(20));
-    forgiven = Call(callbacks.back(), 0, args, 1);
-  }
-  EXPECT_EQ(forgiven, 7);
+  EXPECT_EQ(CallUntil(callbacks.back(), 7), 7);
 
   done = true;
   callbacks.push_back(fickle_callback);
   for (Object callback : callbacks) ObjectRelease(callback);
   for (Object root : roots) ObjectRelease(root);
-  close(deaf);
   for (Counted* client : {&late, &silent, &fickle, &bystander, &newcomer}) {
     EXPECT_EQ(client->Settle(), 0);
   }
@@ -203,7 +174,7 @@ TEST(IpcPressureTest, SlowCallbackClientsCostOneWaitEach) {
 // go back to the kernel once idle (the pool is driven here with its own
 // clock, so nothing waits).
 TEST(IpcPressureTest, KeptBuffersStayWithinTheirLimitAndGoWhenIdle) {
-  setenv("TARN_KEPT_BUFFER_BYTES", "1048576", 1);  // read on first use
+  ScopedEnv limit{"TARN_KEPT_BUFFER_BYTES", "1048576"};  // read on first use
   BufferPool& pool = BufferPool::Instance();
   std::vector<Arena> arenas(8);
   for (Arena& arena : arenas) ASSERT_TRUE(pool.Take(256 << 10, &arena));
@@ -217,7 +188,6 @@ TEST(IpcPressureTest, KeptBuffersStayWithinTheirLimitAndGoWhenIdle) {
   EXPECT_TRUE(pool.Trim(Clock::now()));
   EXPECT_FALSE(pool.Trim(Clock::now() + kBufferIdle));
   EXPECT_EQ(pool.kept(), 0u);
-  unsetenv("TARN_KEPT_BUFFER_BYTES");
 }
 
 // Out of descriptors, the service stops accepting for a while instead of
@@ -247,13 +217,9 @@ TEST(IpcPressureTest, OutOfDescriptorsPausesOnlyAccepting) {
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_EQ(Count(log, "W tarnsocket: accept failed: 24"), 1u) << log;
-  const Bytes call = [] {
-    FrameHeader header{0, kFrameInvoke, 1, {}, 1, 0, kOpChecksum, 0};
-    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&header);
-    return Bytes(bytes, bytes + sizeof header);
-  }();
+  const FrameHeader call{0, kFrameInvoke, 1, {}, 1, 0, kOpChecksum, 0};
   for (int fd : waiting) {
-    ASSERT_EQ(send(fd, call.data(), call.size(), MSG_NOSIGNAL), static_cast<ssize_t>(call.size()));
+    ASSERT_EQ(send(fd, &call, sizeof call, MSG_NOSIGNAL), static_cast<ssize_t>(sizeof call));
     FrameHeader answer{};
     EXPECT_EQ(recv(fd, &answer, sizeof answer, MSG_WAITALL), static_cast<ssize_t>(sizeof answer));
     EXPECT_EQ(static_cast<int32_t>(answer.code), Checksum(nullptr, 0));

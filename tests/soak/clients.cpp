@@ -1,6 +1,5 @@
 // The soak's client processes, one behaviour each.
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -12,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -32,6 +32,7 @@ using std::chrono::milliseconds;
 using Bytes = std::vector<uint8_t>;
 
 volatile sig_atomic_t stopped = 0;  // SIGTERM: wind up now
+Clock::time_point deadline;         // of this process's role
 std::mutex mutex;
 std::condition_variable changed;
 bool silent_released = false;
@@ -70,24 +71,18 @@ struct CountingCallback {
 
 // One report line per client: role started refused results unanswered
 // reconnects ended retained released (ended: connections the daemon
-// ended). One write of a short line to a file opened for appending: lines
-// of concurrent clients do not mix.
+// ended). One short line, written at once to a file opened for appending:
+// lines of concurrent clients do not mix.
 struct Tally {
   int started = 0, refused = 0, results = 0, unanswered = 0, reconnects = 0, ended = 0;
-  int Report(const std::string& role, const RoleOptions& options, int retained = 0,
-             int released = 0) const {
-    char line[256];
-    const int n = snprintf(line, sizeof line, "%s %d %d %d %d %d %d %d %d\n", role.c_str(), started,
-                           refused, results, unanswered, reconnects, ended, retained, released);
-    const int fd =
-        open(options.report_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    if (fd >= 0 && write(fd, line, static_cast<size_t>(n)) != n) perror("report");
-    if (fd >= 0) close(fd);
-    return retained == released ? 0 : 1;
+  void Report(const std::string& role, const std::string& path, int retained, int released) const {
+    std::ofstream(path, std::ios::app)
+        << role << ' ' << started << ' ' << refused << ' ' << results << ' ' << unanswered << ' '
+        << reconnects << ' ' << ended << ' ' << retained << ' ' << released << '\n';
   }
 };
 
-bool TimeLeft(Clock::time_point deadline) {
+bool TimeLeft() {
   return stopped == 0 && Clock::now() < deadline;
 }
 
@@ -136,15 +131,14 @@ struct Client {
       released += c->releases;
     }
     Lost(false);
-    return tally.Report(role, options, retained, released);
+    tally.Report(role, options.report_path, retained, released);
+    return retained == released ? 0 : 1;
   }
 
   std::minstd_rand random;
   Tally tally;
   const RoleOptions& options;
   const uint32_t interface_id;
-  const Clock::time_point deadline =
-      Clock::now() + milliseconds(static_cast<int64_t>(options.seconds * 1000));
   Object root = kNullObject, service = kNullObject;
   std::deque<std::unique_ptr<CountingCallback>> callbacks;
 };
@@ -207,7 +201,7 @@ struct ScanRole {
 // Scans one after the other, each waited for (or not) and then released.
 int ScanLoop(const std::string& role, const RoleOptions& options, const ScanRole& how) {
   Client client(options, how.interface_id);
-  while (TimeLeft(client.deadline)) {
+  while (TimeLeft()) {
     if (!client.Open()) continue;
     const int delay = how.delay_ms > 10000 ? 1500 + int(client.random() % 2500) : how.delay_ms;
     Object handle;
@@ -270,18 +264,13 @@ bool WaitForEnd(int fd, milliseconds timeout) {
 
 // Starts a ranging scan whose result (about 500 KB) overfills the socket,
 // and never reads it.
-int Deaf(const RoleOptions& options) {
-  Tally tally;
-  const Clock::time_point deadline =
-      Clock::now() + milliseconds(static_cast<int64_t>(options.seconds * 1000));
+int Deaf(const RoleOptions& options, Tally& tally) {
   const int fd = RawConnect(options.socket_path);
+  if (fd < 0) return 0;
   tarnsocket::FrameHeader reply{};
   tarnsocket::ObjectRef service{};
-  const uint32_t id = kInterfaceRangingScan;
-  const Bytes id_bytes(reinterpret_cast<const uint8_t*>(&id),
-                       reinterpret_cast<const uint8_t*>(&id + 1));
   const teskclient::EncodedRangingScan request = RangingScan(2000, false);
-  if (fd >= 0 && SendAll(fd, InvokeFrame(0, OBJECT_OP_METHOD, {id_bytes}, false)) &&
+  if (SendAll(fd, InvokeFrame(0, OBJECT_OP_METHOD, {{kInterfaceRangingScan, 0, 0, 0}}, false)) &&
       recv(fd, &reply, sizeof reply, MSG_WAITALL) == sizeof reply && reply.code == OBJECT_OK &&
       recv(fd, &service, sizeof service, MSG_WAITALL) == sizeof service &&
       SendAll(fd, InvokeFrame(service.handle, request.op, {request.targets, request.ts}, true))) {
@@ -292,21 +281,18 @@ int Deaf(const RoleOptions& options) {
     pollfd p{fd, POLLRDHUP, 0};
     return poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
   };
-  while (fd >= 0 && TimeLeft(deadline) && !ended()) std::this_thread::sleep_for(milliseconds(100));
-  tally.ended = fd >= 0 && ended();
-  if (fd >= 0) close(fd);
-  return tally.Report("deaf", options);
+  while (TimeLeft() && !ended()) std::this_thread::sleep_for(milliseconds(100));
+  tally.ended = ended();
+  close(fd);
+  return 0;
 }
 
 // Connections that each send a valid frame one byte a second; when the
 // daemon ends one (its frame is overdue), another takes its place.
-int SlowSenders(const RoleOptions& options) {
-  Tally tally;
-  const Clock::time_point deadline =
-      Clock::now() + milliseconds(static_cast<int64_t>(options.seconds * 1000));
+int SlowSenders(const RoleOptions& options, Tally& tally) {
   const Bytes frame = InvokeFrame(0, OBJECT_OP_METHOD, {{1, 0, 0, 0}}, false);
   std::vector<std::pair<int, size_t>> senders(1000, {-1, 0});  // fd, bytes sent
-  for (auto next = Clock::now(); TimeLeft(deadline); next += milliseconds(1000)) {
+  for (auto next = Clock::now(); TimeLeft(); next += milliseconds(1000)) {
     for (auto& [fd, sent] : senders) {
       if (fd < 0) {
         fd = RawConnect(options.socket_path);
@@ -321,18 +307,15 @@ int SlowSenders(const RoleOptions& options) {
     }
     std::this_thread::sleep_until(next);
   }
-  return tally.Report("slow-senders", options);
+  return 0;
 }
 
 // Keeps sending root calls of just under 16 MiB, the most a call may carry
 // (the root refuses them for their size, after the library has read them
 // whole).
-int Pinner(const RoleOptions& options) {
-  Tally tally;
-  const Clock::time_point deadline =
-      Clock::now() + milliseconds(static_cast<int64_t>(options.seconds * 1000));
+int Pinner(const RoleOptions& options, Tally& tally) {
   const Bytes frame = InvokeFrame(0, OBJECT_OP_METHOD, {Bytes((16u << 20) - 64, 0x5a)}, false);
-  for (int fd = -1; TimeLeft(deadline);) {
+  for (int fd = -1; TimeLeft();) {
     if (fd < 0) fd = RawConnect(options.socket_path);
     tarnsocket::FrameHeader reply{};
     if (fd >= 0 && SendAll(fd, frame) &&
@@ -345,16 +328,13 @@ int Pinner(const RoleOptions& options) {
     ++tally.ended;
     std::this_thread::sleep_for(milliseconds(100));
   }
-  return tally.Report("pinner", options);
+  return 0;
 }
 
 // Connections that each open with a frame broken in one of several ways,
-// which the daemon must end (and only them). Returns 1 if one stays open.
-int Malformed(const RoleOptions& options) {
-  Tally tally;
+// which the daemon must end (and only them). Fails if one stays open.
+int Malformed(const RoleOptions& options, Tally& tally) {
   std::minstd_rand random(options.seed);
-  const Clock::time_point deadline =
-      Clock::now() + milliseconds(static_cast<int64_t>(options.seconds * 1000));
   const Bytes good = InvokeFrame(0, OBJECT_OP_METHOD, {{1, 0, 0, 0}}, false);
   const std::vector<std::function<void(tarnsocket::FrameHeader&)>> breaks = {
       [](auto& h) { h.type = 0x7f; },             // unknown frame type
@@ -363,7 +343,7 @@ int Malformed(const RoleOptions& options) {
       [](auto& h) { h.body_size = 0xfffffff0; },  // frame too large
       [](auto& h) { h.body_size -= 1; },          // sizes do not add up
   };
-  while (TimeLeft(deadline)) {
+  while (TimeLeft()) {
     Bytes frame = good;
     tarnsocket::FrameHeader header;
     memcpy(&header, frame.data(), sizeof header);
@@ -381,7 +361,6 @@ int Malformed(const RoleOptions& options) {
     close(fd);
     std::this_thread::sleep_for(milliseconds(20));
   }
-  tally.Report("malformed", options);
   return tally.unanswered == 0 ? 0 : 1;
 }
 
@@ -393,6 +372,7 @@ const std::vector<std::string> kFaultRoles = {"scan",   "range", "early",    "de
 
 int RunRole(const std::string& name, const RoleOptions& options) {
   signal(SIGTERM, [](int) { stopped = 1; });
+  deadline = Clock::now() + milliseconds(static_cast<int64_t>(options.seconds * 1000));
   const uint32_t discovery = kInterfaceDiscoveryScan, ranging = kInterfaceRangingScan;
   const std::map<std::string, ScanRole> scans = {
       {"scan", {discovery, 0, true, 0}},
@@ -409,15 +389,14 @@ int RunRole(const std::string& name, const RoleOptions& options) {
   };
   if (const auto it = scans.find(name); it != scans.end())
     return ScanLoop(name, options, it->second);
-  const std::map<std::string, std::function<int()>> others = {
-      {"deaf", [&] { return Deaf(options); }},
-      {"slow-senders", [&] { return SlowSenders(options); }},
-      {"pinner", [&] { return Pinner(options); }},
-      {"malformed", [&] { return Malformed(options); }},
-  };
-  if (const auto it = others.find(name); it != others.end()) return it->second();
-  fprintf(stderr, "soak: unknown role %s\n", name.c_str());
-  return 64;
+  const std::map<std::string, int (*)(const RoleOptions&, Tally&)> raw = {
+      {"deaf", Deaf}, {"slow-senders", SlowSenders}, {"pinner", Pinner}, {"malformed", Malformed}};
+  const auto it = raw.find(name);
+  if (it == raw.end()) return 64;
+  Tally tally;
+  const int fault = it->second(options, tally);
+  tally.Report(name, options.report_path, 0, 0);
+  return fault;
 }
 
 }  // namespace tesk_soak

@@ -21,23 +21,18 @@ using std::chrono::milliseconds;
 
 // The built-in neighbourhood plus every kind of fault, each on its own
 // residue of the request ids so that all of them recur throughout.
-std::string FaultScenario() {
-  std::ifstream neighbourhood(TESK_SOAK_NEIGHBOURHOOD);
-  std::stringstream text;
-  text << neighbourhood.rdbuf() << "\n";
-  for (const auto& [fault, residue] : std::map<std::string, unsigned>{{"drop", 7},
-                                                                      {"null", 13},
-                                                                      {"wrong-type", 19},
-                                                                      {"odd-type", 23},
-                                                                      {"odd-measurement", 29},
-                                                                      {"duplicate", 31},
-                                                                      {"refuse", 43},
-                                                                      {"status", 37}}) {
+void WriteFaultScenario(const std::string& path) {
+  std::ofstream text(path);
+  text << std::ifstream(TESK_SOAK_NEIGHBOURHOOD).rdbuf() << "\n";
+  std::istringstream faults(
+      "drop 7 null 13 wrong-type 19 odd-type 23 odd-measurement 29 duplicate 31 refuse 43 status "
+      "37");
+  std::string fault;
+  for (unsigned residue = 0; faults >> fault >> residue;) {
     text << "fault " << fault << " ";
     for (unsigned id = residue; id < 200000; id += 50) text << (id == residue ? "" : ",") << id;
     text << (fault == "status" ? " 3\n" : "\n");
   }
-  return text.str();
 }
 
 // Keeps `clients` client processes running for `seconds`, handing out the
@@ -58,7 +53,6 @@ int RunMix(const std::vector<std::string>& roles, int clients, double seconds, R
       running[StartClient(role, options)] =
           random() % 8 == 0 ? now + milliseconds(random() % 1500) : Clock::time_point::max();
     }
-    bool reaped = false;
     for (auto it = running.begin(); it != running.end();) {
       if (now >= it->second) {
         kill(it->first, SIGKILL);
@@ -70,12 +64,11 @@ int RunMix(const std::vector<std::string>& roles, int clients, double seconds, R
       if (waitpid(it->first, &status, WNOHANG) == it->first) {
         failed += WIFEXITED(status) && WEXITSTATUS(status) != 0;
         it = running.erase(it);
-        reaped = true;
       } else {
         ++it;
       }
     }
-    if (!reaped) std::this_thread::sleep_for(milliseconds(10));
+    std::this_thread::sleep_for(milliseconds(10));
   }
   return failed;
 }
@@ -85,7 +78,7 @@ int RunMix(const std::vector<std::string>& roles, int clients, double seconds, R
 int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& roles) {
   tesk_test::TempDir scenario_dir;
   const std::string scenario = scenario_dir.Join("faults.scn");
-  std::ofstream(scenario) << FaultScenario();
+  WriteFaultScenario(scenario);
   Soak soak({"VELA_SCENARIO=" + scenario});
   // The same mix for a while first: thread pools, allocator arenas and the
   // location client grow to their working size, so that what the soak then

@@ -7,7 +7,6 @@
 // is slack for a loaded machine), and the daemon must come back to its
 // baseline once they have gone.
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -48,7 +47,7 @@ Timings TimeScans(
 }  // namespace
 
 int RunPressureSoak(const std::vector<std::string>& callback_kinds, int huge_ranging_clients) {
-  constexpr int kCallbackClients = 50, kPinners = 8;
+  constexpr size_t kCallbackClients = 50, kPinners = 8;
   Soak soak({});
   const std::string& path = soak.daemon.socket_path();
   TimedTeskctlScan(path);  // creates the location client: part of idle
@@ -64,35 +63,27 @@ int RunPressureSoak(const std::vector<std::string>& callback_kinds, int huge_ran
 
   std::vector<std::string> roles(kPinners, "pinner");
   roles.push_back("slow-senders");
-  for (int i = 0; i < kCallbackClients; ++i)
+  for (size_t i = 0; i < kCallbackClients; ++i)
     roles.push_back(callback_kinds[i % callback_kinds.size()]);
   roles.insert(roles.end(), size_t(huge_ranging_clients), "huge-range");
   std::vector<pid_t> clients;
-  RoleOptions options{path, 0, 600, soak.report};
-  for (const std::string& role : roles) {
-    ++options.seed;
-    clients.push_back(StartClient(role, options));
-  }
+  for (const std::string& role : roles)
+    clients.push_back(StartClient(role, {path, unsigned(clients.size() + 1), 600, soak.report}));
   // Scans while they arrive are timed on their own, until the library has
   // caught each late, silent or deaf client once (or a minute passed).
   const auto caught_by = Clock::now() + std::chrono::seconds(60);
-  const Timings arriving = TimeScans(path, 5, {}, [&] {
-    return offences() >= size_t{kCallbackClients} || Clock::now() > caught_by;
-  });
+  const Timings arriving = TimeScans(
+      path, 5, {}, [&] { return offences() >= kCallbackClients || Clock::now() > caught_by; });
   const size_t caught = offences();
   // Long enough for the slow senders' frames to be overdue.
   const Timings attacked = TimeScans(path, 5, std::chrono::seconds(3));
   const Figures during = soak.Read();
   int failed = 0;
   for (pid_t pid : clients) kill(pid, SIGTERM);
-  for (pid_t pid : clients) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    failed += !WIFEXITED(status) || WEXITSTATUS(status) != 0;
-  }
+  for (pid_t pid : clients) failed += tesk_test::AwaitExit(pid) != 0;
 
   printf(
-      "pressure soak: %d connections of 16 MiB calls, 1,000 slow senders, %d callback clients "
+      "pressure soak: %zu connections of 16 MiB calls, 1,000 slow senders, %zu callback clients "
       "(%zu kinds), %d clients of 100,000-target ranging scans\n",
       kPinners, kCallbackClients, callback_kinds.size(), huge_ranging_clients);
   const long allowed_ms = alone.max_ms + 1000;

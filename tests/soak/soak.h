@@ -1,7 +1,6 @@
 // tesk_soak: the daemon under many client processes at once, good and bad.
-// The soak starts itself again with --role NAME for each client, which runs
-// until its time is up or it is sent SIGTERM, appends one report line and
-// exits.
+// Each client is a fork of the soak that plays one role until its time is
+// up or it is sent SIGTERM, appends one report line and exits.
 #ifndef TESK_TESTS_SOAK_SOAK_H_
 #define TESK_TESTS_SOAK_SOAK_H_
 

@@ -1,11 +1,11 @@
 // tesk_soak: runs the daemon and many client processes against it.
 //   tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]
 //   tesk_soak pressure [--callback-kinds late,silent,deaf,slow] [--huge-ranging-clients N]
-//   tesk_soak --role NAME ...   (one client; the soak starts itself this way)
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -16,32 +16,17 @@
 
 namespace tesk_soak {
 
+using namespace std::chrono_literals;
+
 pid_t StartClient(const std::string& role, const RoleOptions& options) {
-  std::vector<std::string> args = {"/proc/self/exe",
-                                   "--role",
-                                   role,
-                                   "--socket",
-                                   options.socket_path,
-                                   "--seed",
-                                   std::to_string(options.seed),
-                                   "--seconds",
-                                   std::to_string(options.seconds),
-                                   "--report",
-                                   options.report_path};
-  std::vector<char*> argv;
-  for (std::string& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    // The library's lines about connections the daemon ended are expected
-    // here by the hundred; each client reports through its line instead.
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null, STDOUT_FILENO);
-    dup2(null, STDERR_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  return pid;
+  const pid_t pid = fork();  // this process has no other thread
+  if (pid != 0) return pid;
+  // The library's lines about connections the daemon ended are expected
+  // here by the hundred; each client reports through its line instead.
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(null, STDOUT_FILENO);
+  dup2(null, STDERR_FILENO);
+  _exit(RunRole(role, options));
 }
 
 Soak::Soak(const std::vector<std::string>& environment)
@@ -50,12 +35,7 @@ Soak::Soak(const std::vector<std::string>& environment)
 }
 
 Figures Soak::Read() {
-  Figures figures{daemon.OpenDescriptorCount(), daemon.ResidentKilobytes(), 0};
-  std::ifstream status("/proc/" + std::to_string(daemon.pid()) + "/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("Threads:", 0) == 0) figures.threads = std::stoi(line.substr(8));
-  }
-  return figures;
+  return {daemon.OpenDescriptorCount(), daemon.Status("VmRSS:"), int(daemon.Status("Threads:"))};
 }
 
 bool Soak::Check(const Figures& baseline, int failed_clients) {
@@ -86,22 +66,17 @@ bool Soak::Check(const Figures& baseline, int failed_clients) {
 
   // Report lines summed per role: clients started refused results
   // unanswered reconnects ended retained released.
-  std::map<std::string, std::vector<long>> roles;
+  std::map<std::string, std::array<long, 9>> roles;
   std::ifstream in(report);
-  for (std::string line, role; std::getline(in, line);) {
-    std::istringstream words(line);
-    words >> role;
-    std::vector<long>& sums = roles[role];
-    sums.resize(9);
+  for (std::string role; in >> role;) {
+    std::array<long, 9>& sums = roles[role];
     ++sums[0];
     long value = 0;
-    for (size_t i = 1; i < sums.size() && words >> value; ++i) sums[i] += value;
+    for (size_t i = 1; i < sums.size() && in >> value; ++i) sums[i] += value;
   }
-  printf("  %-14s", "role");
-  for (const char* column : {"clients", "started", "refused", "results", "unanswered", "reconnects",
-                             "ended", "retained", "released"}) {
-    printf(" %10s", column);
-  }
+  printf(
+      "  role              clients    started    refused    results unanswered reconnects"
+      "      ended   retained   released");
   long retained = 0, released = 0;
   for (const auto& [role, sums] : roles) {
     printf("\n  %-14s", role.c_str());
@@ -128,11 +103,7 @@ long TimedTeskctlScan(const std::string& socket_path, int attempts) {
     const tesk_test::ProcessResult result = tesk_test::RunProcess(
         {tesk_test::BuiltBinary("teskctl"), "--timeout", attempts > 1 ? "5" : "30", "scan"},
         {"TESK_SOCKET=" + socket_path});
-    if (result.exit_code == 0) {
-      return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                   std::chrono::steady_clock::now() - start)
-                                   .count());
-    }
+    if (result.exit_code == 0) return (std::chrono::steady_clock::now() - start) / 1ms;
     if (attempt >= attempts) {
       fprintf(stderr, "soak: teskctl scan failed (%d): %s\n", result.exit_code, result.err.c_str());
       return -1;
@@ -144,12 +115,12 @@ long TimedTeskctlScan(const std::string& socket_path, int attempts) {
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
-  // Options come in pairs "--name value", after the mode word if any.
+  // Options come in pairs "--name value" after the mode word.
   std::map<std::string, std::string> args;
-  bool usage = argc < 2;
-  for (int i = mode.rfind("--", 0) == 0 ? 1 : 2; i < argc; i += 2) {
-    usage |= i + 1 == argc || std::string(argv[i]).rfind("--", 0) != 0;
-    if (i + 1 < argc) args[argv[i]] = argv[i + 1];
+  bool usage = argc % 2 != 0;
+  for (int i = 2; i + 1 < argc; i += 2) {
+    usage |= std::string(argv[i]).rfind("--", 0) != 0;
+    args[argv[i]] = argv[i + 1];
   }
   auto number = [&args](const char* name, double otherwise) {
     return args.count(name) != 0 ? std::stod(args[name]) : otherwise;
@@ -161,10 +132,6 @@ int main(int argc, char** argv) {
     for (std::string one; std::getline(text, one, ',');) words.push_back(one);
     return words;
   };
-  if (!usage && args.count("--role") != 0) {
-    return tesk_soak::RunRole(args["--role"], {args["--socket"], unsigned(number("--seed", 1)),
-                                               number("--seconds", 5), args["--report"]});
-  }
   // Many connections at once need a descriptor each, here, in the clients
   // and in the daemon, which inherit the limit.
   rlimit limit{};

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,14 +18,11 @@
 extern char** environ;
 
 namespace tesk_test {
-namespace {
 
 std::string ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(file), {});
 }
-
-}  // namespace
 
 pid_t StartProcess(const std::vector<std::string>& argv, const std::vector<std::string>& extra,
                    const std::string& out, const std::string& err) {
@@ -61,20 +57,6 @@ int AwaitExit(pid_t pid) {
 
 std::string BuiltBinary(const std::string& name) {
   return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / name).string();
-}
-
-std::string NativeProgram(const std::string& binary) {
-  const std::vector<std::string> command = NativeCommand({binary});
-  if (command.size() == 1) return binary;
-  static TempDir scripts;  // one per test process, removed at its exit
-  const std::string script = scripts.Join(binary.substr(binary.rfind('/') + 1));
-  std::ofstream out(script);
-  out << "#!/bin/sh\nexec";
-  for (const std::string& word : command) out << " '" << word << "'";
-  out << " \"$@\"\n";
-  out.close();
-  if (!out || chmod(script.c_str(), 0755) != 0) throw std::runtime_error("cannot write " + script);
-  return script;
 }
 
 DaemonProcess::DaemonProcess(Options options) : socket_path_(dir_.Join("tesk")) {
@@ -136,10 +118,10 @@ int DaemonProcess::OpenDescriptorCount() const {
   return error ? -1 : static_cast<int>(std::distance(fds, {}));
 }
 
-long DaemonProcess::ResidentKilobytes() const {
+long DaemonProcess::Status(const std::string& field) const {
   std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
   for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+    if (line.rfind(field, 0) == 0) return std::stol(line.substr(field.size()));
   }
   return -1;
 }

@@ -48,9 +48,10 @@ class DaemonProcess {
     return WaitForLog("tesk: Serving TESK interface", timeout);
   }
 
-  // Resource figures read from /proc, for leak checks.
+  // Resource figures read from /proc, for leak checks: the open descriptors,
+  // and a number from /proc/PID/status ("VmRSS:" in KiB, "Threads:"), -1 if none.
   int OpenDescriptorCount() const;
-  long ResidentKilobytes() const;
+  long Status(const std::string& field) const;
 
  private:
   TempDir dir_;
@@ -61,9 +62,8 @@ class DaemonProcess {
 // Path of a binary built in the same tree as the tests ("../lib/NAME" for a library).
 std::string BuiltBinary(const std::string& name);
 
-// A path that other programs (a shell, hostinit) can start `binary` by: the
-// binary itself, or under an emulator a script that runs it there.
-std::string NativeProgram(const std::string& binary);
+// The whole content of a file ("" when there is none).
+std::string ReadFile(const std::string& path);
 
 // Starts a program with extra environment (as in Options), stdin from
 // /dev/null, stdout and stderr to the files named; -1 when it cannot start.
