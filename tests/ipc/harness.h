@@ -82,9 +82,6 @@ struct Counted {
   void AwaitReleases(int n) const {
     while (releases < n) Pause();
   }
-  void AwaitCalls(int n) const {
-    while (calls < n) Pause();
-  }
   // Waits until every retain so far was released; below 0 if released too often.
   int Settle() const {
     AwaitReleases(retains);

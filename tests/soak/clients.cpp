@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <fstream>
@@ -101,7 +100,6 @@ struct Client {
         teskclient::OpenService(root, interface_id, &service) == OBJECT_OK) {
       return true;
     }
-    service = kNullObject;
     std::this_thread::sleep_for(milliseconds(50));
     return false;
   }
@@ -158,15 +156,10 @@ teskclient::EncodedRangingScan RangingScan(size_t targets, bool periodic) {
 // (0: 1 to 20), with random parameters, or registers the callback for
 // disconnect events; *handle is the scan's handle or the token.
 int32_t StartScan(Client& client, int delay_ms, size_t targets, Object* handle) {
-  ObjectArg args[2];
-  args[0].o = client.NewCallback(delay_ms);
-  const Object callback = args[0].o;
-  *handle = args[1].o = kNullObject;
+  const Object callback = client.NewCallback(delay_ms);
   int32_t result;
   if (client.interface_id == kInterfaceDeauthMonitor) {
-    result = client.service.invoke(client.service.context, OBJECT_OP_METHOD, args,
-                                   kDeauthRegisterCounts);
-    *handle = args[1].o;
+    result = teskclient::WatchDisconnects(client.service, callback, handle);
   } else if (client.interface_id == kInterfaceDiscoveryScan) {
     teskclient::DiscoveryScanPlan plan;
     std::minstd_rand& r = client.random;
@@ -224,9 +217,8 @@ int ScanLoop(const std::string& role, const RoleOptions& options, const ScanRole
 
 int RawConnect(const std::string& socket_path) {
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, socket_path.c_str(), sizeof addr.sun_path - 1);
+  sockaddr_un addr{AF_UNIX, {}};
+  socket_path.copy(addr.sun_path, sizeof addr.sun_path - 1);
   if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
   if (fd >= 0) close(fd);
   return -1;
@@ -365,10 +357,6 @@ int Malformed(const RoleOptions& options, Tally& tally) {
 }
 
 }  // namespace
-
-const std::vector<std::string> kFaultRoles = {"scan",   "range", "early",    "deauth",
-                                              "slow",   "scan",  "range",    "silent",
-                                              "deauth", "deaf",  "malformed"};
 
 int RunRole(const std::string& name, const RoleOptions& options) {
   signal(SIGTERM, [](int) { stopped = 1; });

@@ -19,9 +19,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// The built-in neighbourhood plus every kind of fault, each on its own
-// residue of the request ids so that all of them recur throughout.
-void WriteFaultScenario(const std::string& path) {
+// Writes the built-in neighbourhood plus every kind of fault, each on its
+// own residue of the request ids so that all of them recur throughout.
+std::string WriteFaultScenario(const std::string& path) {
   std::ofstream text(path);
   text << std::ifstream(TESK_SOAK_NEIGHBOURHOOD).rdbuf() << "\n";
   std::istringstream faults(
@@ -33,6 +33,7 @@ void WriteFaultScenario(const std::string& path) {
     for (unsigned id = residue; id < 200000; id += 50) text << (id == residue ? "" : ",") << id;
     text << (fault == "status" ? " 3\n" : "\n");
   }
+  return path;
 }
 
 // Keeps `clients` client processes running for `seconds`, handing out the
@@ -77,9 +78,7 @@ int RunMix(const std::vector<std::string>& roles, int clients, double seconds, R
 
 int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& roles) {
   tesk_test::TempDir scenario_dir;
-  const std::string scenario = scenario_dir.Join("faults.scn");
-  WriteFaultScenario(scenario);
-  Soak soak({"VELA_SCENARIO=" + scenario});
+  Soak soak({"VELA_SCENARIO=" + WriteFaultScenario(scenario_dir.Join("faults.scn"))});
   // The same mix for a while first: thread pools, allocator arenas and the
   // location client grow to their working size, so that what the soak then
   // compares is what the clients leave behind.

@@ -23,8 +23,6 @@ struct RoleOptions {
 // 0, or 1 when the role saw something wrong, 64 for an unknown role.
 int RunRole(const std::string& name, const RoleOptions& options);
 pid_t StartClient(const std::string& role, const RoleOptions& options);
-// The roles the fault soak hands out in turn by default.
-extern const std::vector<std::string> kFaultRoles;
 
 int RunFaultSoak(double seconds, int clients, const std::vector<std::string>& roles);
 int RunPressureSoak(const std::vector<std::string>& callback_kinds, int huge_ranging_clients);

@@ -43,20 +43,18 @@ bool Soak::Check(const Figures& baseline, int failed_clients) {
   // reference goes, logs one of the two release lines. A pending entry never
   // outlives its handle, so equal counts mean nothing is pending.
   size_t given = 0, taken_back = 0;
-  auto settled = [&](const Figures& f) {
+  Figures end;
+  bool back = false;
+  for (const auto until = std::chrono::steady_clock::now() + 30s;
+       !back && std::chrono::steady_clock::now() < until;) {
+    std::this_thread::sleep_for(200ms);
+    end = Read();
     given = daemon.CountInLog("returning 0\n");
     taken_back = daemon.CountInLog("Dispatcher: Expected release for ID") +
                  daemon.CountInLog("Dispatcher: Aborted ID");
-    return given == taken_back && f.descriptors <= baseline.descriptors &&
-           f.resident_kib <= baseline.resident_kib + 16 * 1024;
-  };
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  Figures end;
-  do {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    end = Read();
-  } while (!settled(end) && std::chrono::steady_clock::now() < deadline);
-  const bool back = settled(end);
+    back = given == taken_back && end.descriptors <= baseline.descriptors &&
+           end.resident_kib <= baseline.resident_kib + 16 * 1024;
+  }
   if (const char* path = getenv("TESK_SOAK_LOG"); path != nullptr && path[0] != '\0') {
     std::ofstream(path) << daemon.Log();
   }
@@ -115,19 +113,21 @@ long TimedTeskctlScan(const std::string& socket_path, int attempts) {
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
-  // Options come in pairs "--name value" after the mode word.
-  std::map<std::string, std::string> args;
+  // Options come in pairs "--name value" after the mode word; their defaults
+  // (the fault soak hands out its roles in turn).
+  std::map<std::string, std::string> args = {
+      {"--seconds", "45"},
+      {"--clients", "24"},
+      {"--roles", "scan,range,early,deauth,slow,scan,range,silent,deauth,deaf,malformed"},
+      {"--callback-kinds", "late,silent,deaf"},
+      {"--huge-ranging-clients", "1"}};
   bool usage = argc % 2 != 0;
   for (int i = 2; i + 1 < argc; i += 2) {
-    usage |= std::string(argv[i]).rfind("--", 0) != 0;
+    usage |= args.count(argv[i]) == 0;
     args[argv[i]] = argv[i + 1];
   }
-  auto number = [&args](const char* name, double otherwise) {
-    return args.count(name) != 0 ? std::stod(args[name]) : otherwise;
-  };
-  auto list = [&args](const char* name, std::vector<std::string> words) {
-    if (args.count(name) == 0) return words;
-    words.clear();
+  auto list = [&args](const char* name) {
+    std::vector<std::string> words;
     std::stringstream text(args[name]);
     for (std::string one; std::getline(text, one, ',');) words.push_back(one);
     return words;
@@ -140,12 +140,12 @@ int main(int argc, char** argv) {
     setrlimit(RLIMIT_NOFILE, &limit);
   }
   if (!usage && mode == "faults") {
-    return tesk_soak::RunFaultSoak(number("--seconds", 45), int(number("--clients", 24)),
-                                   list("--roles", tesk_soak::kFaultRoles));
+    return tesk_soak::RunFaultSoak(std::stod(args["--seconds"]), std::stoi(args["--clients"]),
+                                   list("--roles"));
   }
   if (!usage && mode == "pressure") {
-    return tesk_soak::RunPressureSoak(list("--callback-kinds", {"late", "silent", "deaf"}),
-                                      int(number("--huge-ranging-clients", 1)));
+    return tesk_soak::RunPressureSoak(list("--callback-kinds"),
+                                      std::stoi(args["--huge-ranging-clients"]));
   }
   fprintf(stderr,
           "usage: tesk_soak faults [--seconds N] [--clients N] [--roles ROLE,ROLE...]\n"
