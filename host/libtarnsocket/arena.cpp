@@ -6,10 +6,13 @@
 #include <new>
 #include <utility>
 
+#include "frame.h"
+
 namespace tarnsocket {
 namespace {
 
 constexpr size_t kPage = 4096;
+constexpr std::align_val_t kAlign{static_cast<size_t>(kBufferAlign)};
 
 }  // namespace
 
@@ -30,8 +33,10 @@ bool Arena::Reserve(uint64_t size) {
   Free();
   if (size > SIZE_MAX - kPage) return false;
   if (size < kMappedArena) {
-    // Freed by Free() with the mapped case beside it: owned by data_ on purpose.
-    data_ = new (std::nothrow) uint8_t[size];  // NOLINT(cppcoreguidelines-owning-memory)
+    // Buffers are promised kBufferAlign alignment, more than malloc gives on
+    // 32-bit targets. Freed by Free() with the mapped case beside it.
+    data_ =
+        static_cast<uint8_t*>(::operator new[](static_cast<size_t>(size), kAlign, std::nothrow));
     if (data_ != nullptr) capacity_ = static_cast<size_t>(size);
   } else {
     const size_t length = (static_cast<size_t>(size) + kPage - 1) & ~(kPage - 1);
@@ -49,7 +54,7 @@ void Arena::Free() {
   if (mapped()) {
     munmap(data_, capacity_);
   } else {
-    delete[] data_;
+    ::operator delete[](data_, kAlign);
   }
   data_ = nullptr;
   capacity_ = 0;
