@@ -280,24 +280,39 @@ int Deaf(const RoleOptions& options, Tally& tally) {
 }
 
 // Connections that each send a valid frame one byte a second; when the
-// daemon ends one (its frame is overdue), another takes its place.
+// daemon ends one (its frame is overdue), another takes its place at once,
+// so that a thousand are connected all along.
 int SlowSenders(const RoleOptions& options, Tally& tally) {
   const Bytes frame = InvokeFrame(0, OBJECT_OP_METHOD, {{1, 0, 0, 0}}, false);
-  std::vector<std::pair<int, size_t>> senders(1000, {-1, 0});  // fd, bytes sent
+  std::vector<pollfd> senders(1000, pollfd{-1, POLLRDHUP, 0});
+  std::vector<size_t> sent(senders.size(), 0);
+  auto replace = [&](size_t i) {
+    if (senders[i].fd >= 0) {
+      close(senders[i].fd);
+      ++tally.ended;
+    }
+    senders[i].fd = RawConnect(options.socket_path);
+    tally.started += senders[i].fd >= 0;
+    sent[i] = 0;
+  };
   for (auto next = Clock::now(); TimeLeft(); next += milliseconds(1000)) {
-    for (auto& [fd, sent] : senders) {
-      if (fd < 0) {
-        fd = RawConnect(options.socket_path);
-        tally.started += fd >= 0;
-        sent = 0;
-      } else if (send(fd, &frame[sent++ % frame.size()], 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
-                 errno != EAGAIN) {
-        close(fd);
-        fd = -1;
-        ++tally.ended;
+    for (size_t i = 0; i < senders.size(); ++i) {
+      if (senders[i].fd < 0 || (send(senders[i].fd, &frame[sent[i]++ % frame.size()], 1,
+                                     MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
+                                errno != EAGAIN)) {
+        replace(i);
       }
     }
-    std::this_thread::sleep_until(next);
+    for (auto now = Clock::now(); TimeLeft() && now < next; now = Clock::now()) {
+      const auto wait = std::chrono::duration_cast<milliseconds>(next - now).count();
+      if (poll(senders.data(), senders.size(), static_cast<int>(wait) + 1) <= 0) continue;
+      for (size_t i = 0; i < senders.size(); ++i) {
+        if ((senders[i].revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) replace(i);
+      }
+    }
+  }
+  for (const pollfd& p : senders) {
+    if (p.fd >= 0) close(p.fd);
   }
   return 0;
 }
