@@ -30,12 +30,14 @@ ScanClient::ScanClient(const std::string& socket_path) {
         const double now = NowNs();
         size_t bytes = 0;
         for (unsigned i = 0; i < OBJECT_COUNTS_IN_BUFS(counts); ++i) bytes += args[i].b.size;
-        std::lock_guard<std::mutex> lock(state->mutex);
-        state->at_ns = now;
-        state->bytes = bytes;
-        state->records =
-            OBJECT_COUNTS_IN_BUFS(counts) > 1 ? args[1].b.size / sizeof(WifiScanMeasurement) : 0;
-        state->delivered = true;
+        {
+          std::lock_guard<std::mutex> lock(state->mutex);
+          state->at_ns = now;
+          state->bytes = bytes;
+          state->records =
+              OBJECT_COUNTS_IN_BUFS(counts) > 1 ? args[1].b.size / sizeof(WifiScanMeasurement) : 0;
+          state->delivered = true;
+        }
         state->arrived.notify_one();
       });
 }

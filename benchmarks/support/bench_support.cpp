@@ -130,7 +130,12 @@ std::string SwitchesBetween(pid_t pid, const ThreadSwitchMap& before, const Thre
     const double involuntary = static_cast<double>(n.second - old.second) / per;
     if (voluntary + involuntary < 0.05) continue;
     char item[96];
-    const std::string name = tid == pid ? "main" : "thread " + std::to_string(index);
+    std::string name = tid == pid ? "main" : "thread " + std::to_string(index);
+    std::ifstream comm("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/comm");
+    std::string given;
+    if (tid != pid && std::getline(comm, given) && given.find(':') != std::string::npos) {
+      name += " (" + given + ")";
+    }
     std::snprintf(item, sizeof item, "%s%s %.2f+%.2f", text.empty() ? "" : ", ", name.c_str(),
                   voluntary, involuntary);
     text += item;

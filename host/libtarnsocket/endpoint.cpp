@@ -2,6 +2,7 @@
 #include "endpoint.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -45,7 +46,10 @@ int Endpoint::Start() {
     if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, listen_fd_, &listen) != 0) return -errno;
   }
   try {
-    monitor_ = std::thread([this] { MonitorLoop(); });
+    monitor_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "tarn:monitor");  // for ps -T and profiles
+      MonitorLoop();
+    });
   } catch (const std::system_error& e) {
     return -e.code().value();
   }
@@ -127,6 +131,9 @@ void Endpoint::Dispatch(std::function<void()> task) {
   }
   tasks_.push_back(std::move(task));
   if (tasks_.size() <= idle_) {
+    // Woken after the unlock: on a busy core the worker would otherwise run
+    // only to block on the lock this thread still holds.
+    lock.unlock();
     pool_cv_.notify_one();
     return;
   }
@@ -138,10 +145,12 @@ void Endpoint::Dispatch(std::function<void()> task) {
       LogError("Cannot start a worker thread; the call waits for a free one");
     }
   }
+  lock.unlock();
   pool_cv_.notify_one();
 }
 
 void Endpoint::WorkerLoop() {
+  pthread_setname_np(pthread_self(), "tarn:worker");
   EnterWorkerThread();
   std::unique_lock<std::mutex> lock(pool_mutex_);
   for (;;) {

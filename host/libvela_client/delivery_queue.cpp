@@ -1,5 +1,7 @@
 #include "delivery_queue.h"
 
+#include <pthread.h>
+
 #include <system_error>
 
 #include "ky_loc_fw/log.h"
@@ -11,7 +13,10 @@ std::shared_ptr<DeliveryQueue> DeliveryQueue::Start(VELAClientListener* listener
   std::shared_ptr<DeliveryQueue> queue(new DeliveryQueue(listener));
   std::lock_guard<std::mutex> lock(queue->mutex_);
   try {
-    queue->thread_ = std::thread([keep = queue] { keep->Run(); });
+    queue->thread_ = std::thread([keep = queue] {
+      pthread_setname_np(pthread_self(), "vela:delivery");  // for ps -T and profiles
+      keep->Run();
+    });
   } catch (const std::system_error& e) {
     log_error("vela", "cannot start the delivery thread: %s\n", e.what());
     return nullptr;
