@@ -73,7 +73,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // The monitor's regular look: watches the socket again if a served call
   // has left it unwatched for longer than kUnwatchedGrace (at once if
-  // `ticking` is false), ends the connection if a frame is overdue, and
+  // `ticking` is false), sends releases still queued, ends the connection
+  // if a frame is overdue, and
   // counts the strike of a call the process stopped waiting for early once
   // the peer's own time for it is up. True while it needs looking at again.
   bool Sweep(Clock::time_point now, bool ticking);
@@ -124,9 +125,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // nothing was written if another writer still held the socket (-EBUSY).
   int Send(iovec* iov, int count, uint64_t bytes, bool* reading = nullptr,
            Clock::time_point give_up = Clock::time_point::max());
-  // Release frames never wait for the socket: when another writer holds it
-  // (one that a slow reader holds up, say) they are queued, and whoever
-  // lets go of the socket next sends them.
+  // Release frames never wait for the socket: they are queued, and the next
+  // frame written carries them. While the endpoint is busy (ticking) they
+  // wait for that frame or the monitor's next tick; otherwise they go at
+  // once, or, when another writer holds the socket (one that a slow reader
+  // holds up, say), whoever lets go of it next sends them.
   void SendRelease(uint32_t handle, uint32_t count);
   void SendQueuedReleases();
   // Send's writing, with write_mutex_ held by *lock, which it lets go.

@@ -124,6 +124,8 @@ bool Connection::Sweep(Clock::time_point now, bool ticking) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (unwatched_since_ns_.load() != 0 && !reader_busy_) ArmLocked();
   }
+  // Releases that found no frame to ride on since the last tick.
+  if (releases_queued_.load()) SendQueuedReleases();
   const bool unproven = SweepUnproven(now);
   if (!reader_.InFrame()) return unproven;
   if (reader_.Overdue(now)) {

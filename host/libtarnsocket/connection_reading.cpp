@@ -13,14 +13,14 @@ namespace tarnsocket {
 void Connection::ReadLoop(Waiter* self) {
   bool linger = false;
   for (;;) {
-    // A caller waits for its answer; a worker that has just answered waits
-    // a moment for the peer's next call, which then costs no wake-up (a
-    // little over the socket's receive timeout, so that one blocking recv
-    // does it).
+    // A caller waits for its answer; a worker that has answered a call waits
+    // a moment for whatever the peer sends next (answers to others' calls,
+    // releases, its next call), which then costs no wake-up, and goes on
+    // waiting as long as something comes (a little over the socket's receive
+    // timeout, so that one blocking recv does it).
     const Clock::time_point until = self != nullptr ? self->deadline
                                     : linger        ? After(kShortWaitMs + 1)
                                                     : Clock::time_point();
-    linger = false;
     const FrameReader::Result result = reader_.Read(fd_, until, self != nullptr);
     if (result == FrameReader::Result::kAgain) break;
     if (result == FrameReader::Result::kEnded) {

@@ -31,12 +31,20 @@ int Connection::Send(iovec* iov, int count, uint64_t bytes, bool* reading,
 
 int Connection::WriteLocked(std::unique_lock<std::timed_mutex>* lock, iovec* iov, int count,
                             uint64_t bytes, bool* reading, Clock::time_point give_up) {
-  iovec all[kMaxSlots + 2];
+  iovec all[kMaxSlots + 3];
   iovec* next = all;
   int left = 0;
   if (!unsent_.empty()) all[left++] = iovec{unsent_.data(), unsent_.size()};
+  // Releases waiting for a frame to ride on go first: they are older.
+  std::vector<uint8_t> releases;
+  if (releases_queued_.load()) {
+    std::lock_guard<std::mutex> queued(releases_mutex_);
+    releases.swap(queued_releases_);
+    releases_queued_.store(false);
+  }
+  if (!releases.empty()) all[left++] = iovec{releases.data(), releases.size()};
   for (int i = 0; i < count; ++i) all[left++] = iov[i];
-  bytes += unsent_.size();
+  bytes += unsent_.size() + releases.size();
   const uint64_t allowed_ms = peer_timeout_ms_ + bytes / kMinBytesPerMs;
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(allowed_ms);
   const bool holding = reading != nullptr && *reading;
@@ -60,7 +68,7 @@ int Connection::WriteLocked(std::unique_lock<std::timed_mutex>* lock, iovec* iov
     endpoint_->Dispatch([self] { self->Send(nullptr, 0, 0); });
     return rc;
   }
-  if (releases_queued_.load()) SendQueuedReleases();
+  if (releases_queued_.load() && !endpoint_->Ticking()) SendQueuedReleases();
   if (rc == -ETIMEDOUT) {
     CloseWithLog("peer took no data for %u ms", peer_timeout_ms_);
   } else if (rc == -ETIME) {
@@ -101,6 +109,9 @@ void Connection::SendRelease(uint32_t handle, uint32_t count) {
     queued_releases_.insert(queued_releases_.end(), head, head + size);
     releases_queued_.store(true);
   }
+  // While calls come and go, a release rides on the next frame, or the
+  // monitor's next tick sends it: alone it would wake the peer for nothing.
+  if (endpoint_->Ticking()) return;
   SendQueuedReleases();
 }
 
@@ -112,16 +123,10 @@ void Connection::SendQueuedReleases() {
     // With part of a frame unsent, the worker that sends the rest sends
     // these after it.
     if (!lock.owns_lock() || !unsent_.empty()) return;
-    std::vector<uint8_t> frames;
-    {
-      std::lock_guard<std::mutex> queued(releases_mutex_);
-      frames.swap(queued_releases_);
-      releases_queued_.store(false);
-    }
-    iovec iov{frames.data(), frames.size()};
-    // Written without waiting (give up at once, the epoch being long past):
-    // what the socket does not take now a worker sends.
-    if (WriteLocked(&lock, &iov, 1, frames.size(), nullptr, Clock::time_point()) != 0) return;
+    // Nothing but the queued releases, written without waiting (give up at
+    // once, the epoch being long past): what the socket does not take now a
+    // worker sends.
+    if (WriteLocked(&lock, nullptr, 0, 0, nullptr, Clock::time_point()) != 0) return;
   }
 }
 
