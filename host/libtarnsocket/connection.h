@@ -11,7 +11,6 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -28,6 +27,7 @@
 #include "peer_limits.h"
 #include "proxy.h"
 #include "socket_io.h"
+#include "wake_word.h"
 
 namespace tarnsocket {
 
@@ -96,7 +96,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     bool pinned[kMaxSlots] = {};
     uint32_t pinned_handles[kMaxSlots] = {};
     Clock::time_point deadline;
-    std::condition_variable cv;
+    WakeWord wake;  // bumped under mutex_ when done, the read side or the connection changes
   };
   enum class Accepted { kServe, kRefused, kEnded };
 

@@ -133,7 +133,10 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
         lock.lock();
         continue;
       }
-      waiter.cv.wait_until(lock, waiter.deadline);
+      const uint32_t seen = waiter.wake.Seen();
+      lock.unlock();
+      waiter.wake.Sleep(seen, waiter.deadline);
+      lock.lock();
     }
   }
   const bool cut =
@@ -167,6 +170,7 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
   std::vector<Proxy*> drop;
   bool flush = false;
   size_t strikes = 0;
+  std::atomic<uint32_t>* wake = nullptr;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = std::find_if(waiters_.begin(), waiters_.end(),
@@ -207,9 +211,14 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
       waiter->done = true;
       waiters_.erase(it);
       *mine = waiter == self;
-      if (!*mine) waiter->cv.notify_all();
+      if (!*mine) {
+        waiter->wake.Bump();
+        wake = waiter->wake.address();
+      }
     }
   }
+  // Woken once the lock is free; the waiter may be gone already.
+  if (wake != nullptr) WakeWord::Wake(wake);
   for (Proxy* proxy : drop) ReleaseProxy(proxy);
   if (strikes != 0) ReportStrike(strikes);
   if (flush) {

@@ -59,7 +59,9 @@ void Connection::GiveUpReadSideLocked(bool unwatched) {
   }
   if (pending) {
     for (Waiter* waiter : waiters_) {
-      if (!waiter->done) waiter->cv.notify_all();
+      if (waiter->done) continue;
+      waiter->wake.Bump();
+      waiter->wake.Wake();
     }
     return;
   }
