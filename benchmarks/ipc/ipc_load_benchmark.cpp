@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "benchmarks/ipc/small_call_peers.h"
@@ -115,7 +117,13 @@ int main(int argc, char** argv) {
   }
   const int repetitions = options.quick ? 1 : 5;
   const double seconds = options.quick ? 0.05 : 1.0;
+  // --clients N measures one count only (to profile it, say).
+  int only = 0;
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], "--clients") == 0) only = std::atoi(argv[i + 1]);
+  }
   for (int clients : {4, 16, 64}) {
+    if (only != 0 && clients != only) continue;
     std::vector<double> raw_rate, library_rate, raw_p99, library_p99;
     bool ok = true;
     for (int r = 0; r < repetitions && ok; ++r) {
