@@ -8,7 +8,8 @@
 # Each prints its figures and fails when the daemon did not come back to its
 # baseline. Usage: scripts/soak.sh [SECONDS [faults|pressure]...]
 # (fault soak length, default 180; both soaks by default). Options for the
-# pressure soak can be given in TESK_SOAK_PRESSURE_OPTIONS.
+# pressure soak can be given in TESK_SOAK_PRESSURE_OPTIONS; TESK_SOAK_LOG
+# names a file that receives the daemon's whole log of the fault soak.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
