@@ -19,6 +19,7 @@
 
 #include <tesk/object.h>
 
+#include "log.h"
 #include "slow_peers.h"
 
 namespace tarnsocket {
@@ -92,8 +93,7 @@ class Endpoint {
   bool partial_frames_ = false;
   bool accept_paused_ = false;
   std::chrono::steady_clock::time_point accept_resume_;
-  std::chrono::steady_clock::time_point last_accept_warning_;
-  uint64_t accept_failures_ = 0;
+  WarningThrottle accept_warning_{std::chrono::seconds(10)};
   bool trim_heap_ = false;  // give freed heap memory back once idle
 
   std::mutex mutex_;

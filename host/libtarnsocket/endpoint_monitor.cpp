@@ -21,9 +21,8 @@ namespace tarnsocket {
 namespace {
 
 // While the descriptor limit is reached, new connections wait in the
-// backlog this long between tries; the warning comes at most this often.
+// backlog this long between tries.
 constexpr std::chrono::milliseconds kAcceptPause{100};
-constexpr std::chrono::seconds kAcceptWarningEvery{10};
 // The monitor ticks every kTick while calls come in (and for kActiveFor
 // after), else looks every kSlowTick while anything needs a look, else
 // sleeps until an event.
@@ -90,13 +89,10 @@ void Endpoint::PauseAccepting(int error) {
   const auto now = std::chrono::steady_clock::now();
   accept_paused_ = true;
   accept_resume_ = now + kAcceptPause;
-  ++accept_failures_;
-  if (accept_failures_ == 1 || now - last_accept_warning_ >= kAcceptWarningEvery) {
+  if (const uint64_t failures = accept_warning_.Note(now); failures != 0) {
     LogWarning("accept failed: %d (%s); new connections wait (%llu times since the last warning)",
                error, strerror(error),  // NOLINT(concurrency-mt-unsafe)
-               static_cast<unsigned long long>(accept_failures_));
-    last_accept_warning_ = now;
-    accept_failures_ = 1;
+               static_cast<unsigned long long>(failures));
   }
 }
 

@@ -2,12 +2,10 @@
 
 #include <algorithm>
 
-#include "log.h"
 
 namespace tarnsocket {
 namespace {
 
-constexpr std::chrono::seconds kWarningEvery{10};
 constexpr int64_t kNsPerMs = 1000000;
 // An answer within kGrace is free, so that fast clients, however many and
 // however often called, do not use the budget up. A wait may take kGrace
@@ -31,8 +29,7 @@ void WaitBudget::Configure(uint32_t capacity_ms, uint32_t refill_ms) {
   refill_ms_ = refill_ms;
   level_ns_ = int64_t{capacity_ms} * kNsPerMs;
   updated_ = Clock::now();
-  last_warning_ = Clock::time_point();
-  cuts_ = 0;
+  cut_warning_.Reset();
 }
 
 void WaitBudget::RefillLocked(Clock::time_point now) {
@@ -74,12 +71,8 @@ void WaitBudget::Spend(Clock::time_point start, bool cut) {
     // At most one capacity of debt: that is as long as anybody waits for it.
     level_ns_ = std::max(level_ns_, -int64_t{capacity_ms_} * kNsPerMs);
     if (!cut) return;
-    ++cuts_;
-    const bool warned = last_warning_ != Clock::time_point();
-    if (warned && now - last_warning_ < kWarningEvery) return;
-    cuts = cuts_;
-    cuts_ = 0;
-    last_warning_ = now;
+    cuts = cut_warning_.Note(now);
+    if (cuts == 0) return;
     capacity_ms = capacity_ms_;
     refill_ms = refill_ms_;
   }

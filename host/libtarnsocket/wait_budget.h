@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "clock.h"
+#include "log.h"
 
 namespace tarnsocket {
 
@@ -31,7 +32,7 @@ class WaitBudget {
   Clock::duration Left();
   // A wait that started at `start` is over; it costs nothing if it was
   // answered within the grace. cut: the budget ended it, not the peer's own
-  // limit; logged at most every kWarningEvery.
+  // limit; logged at most every 10 s.
   void Spend(Clock::time_point start, bool cut);
 
  private:
@@ -44,8 +45,7 @@ class WaitBudget {
   // what they took, and the debt is paid back before anyone waits again.
   int64_t level_ns_ = 0;
   Clock::time_point updated_;
-  Clock::time_point last_warning_;
-  uint64_t cuts_ = 0;  // since the last warning
+  WarningThrottle cut_warning_{std::chrono::seconds(10)};
 };
 
 }  // namespace tarnsocket
