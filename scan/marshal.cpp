@@ -1,5 +1,6 @@
 #include "scan/marshal.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -8,8 +9,10 @@
 
 namespace {
 
+using ky_loc_fw::VELAFullBeaconScanMeasurement;
 using ky_loc_fw::VELAInfoElement;
 using ky_loc_fw::VELAMeasurementDetail;
+using ky_loc_fw::VELARangingScanMeasurement;
 using ky_loc_fw::VELAScanMeasurement;
 
 constexpr uint8_t kVendorSpecificId = 221;
@@ -18,16 +21,46 @@ constexpr uint8_t kExtendedMinLength = 25;
 // The extended length must still fit its byte.
 constexpr uint8_t kUnextendableLength = 255;
 
+// Records start as copies of these rather than memset: compilers make a
+// string instruction of a memset this long, slow to start for so little.
+constexpr WifiScanMeasurement kZeroRecord{};
+constexpr WifiMeasurementInfo kZeroInfo{};
+// Details of a measurement fetched ahead of their use.
+constexpr uint32_t kFetchedDetails = 4;
+
 // Identifier, length byte, data and, when given, one trailing byte: one
-// element, appended to the byte pool. Returns its size.
-uint32_t AppendElement(CommonResponseData& out, const VELAInfoElement& element, uint8_t length_byte,
-                       const uint8_t* trailing) {
+// element, written at `at`. Returns the byte after it.
+signed char* PutElement(signed char* at, const VELAInfoElement& element, uint8_t length_byte,
+                        const uint8_t* trailing) {
+  const uint8_t len = element.len;
+  at[0] = static_cast<signed char>(element.id);
+  at[1] = static_cast<signed char>(length_byte);
+  // A call of the C library's copy: compilers make a string instruction of
+  // an inline copy whose length is known only now, slow to start for so
+  // little.
+  at = std::copy_n(reinterpret_cast<const signed char*>(element.data), len, at + 2);
+  if (trailing != nullptr) *at++ = static_cast<signed char>(*trailing);
+  return at;
+}
+
+// The same element pushed byte by byte, each byte failing as a push does.
+void PushElement(CommonResponseData& out, const VELAInfoElement& element, uint8_t length_byte,
+                 const uint8_t* trailing) {
   out.bytes.push_back(static_cast<signed char>(element.id));
   out.bytes.push_back(static_cast<signed char>(length_byte));
   out.bytes.append(reinterpret_cast<const signed char*>(element.data), element.len);
-  if (trailing == nullptr) return element.len + 2u;
-  out.bytes.push_back(static_cast<signed char>(*trailing));
-  return element.len + 3u;
+  if (trailing != nullptr) out.bytes.push_back(static_cast<signed char>(*trailing));
+}
+
+// The element appended to the byte pool.
+void AppendElement(CommonResponseData& out, const VELAInfoElement& element, uint8_t length_byte,
+                   const uint8_t* trailing) {
+  signed char* at = out.bytes.extend(element.len + (trailing == nullptr ? 2u : 3u));
+  if (at != nullptr) {
+    PutElement(at, element, length_byte, trailing);
+  } else {
+    PushElement(out, element, length_byte, trailing);
+  }
 }
 
 // Element A or B of a measurement: the element as it stood in the frame.
@@ -39,12 +72,12 @@ void AppendOptionalElement(CommonResponseData& out, const VELAInfoElement* eleme
   AppendElement(out, *element, element->len, nullptr);
 }
 
-WifiMeasurementInfo ToInfo(const VELAMeasurementDetail* d) {
-  WifiMeasurementInfo info;
-  std::memset(&info, 0, sizeof info);
+// The detail's record, filled in place.
+void FillInfo(WifiMeasurementInfo& info, const VELAMeasurementDetail* d) {
+  std::memcpy(&info, &kZeroInfo, sizeof info);
   // The library never stores a null detail; if one came, its record stays zero
   // so that the counts and indexes of the scan record still hold.
-  if (d == nullptr) return info;
+  if (d == nullptr) return;
   info.infoValue32_1 = d->infoValue32_1;
   info.infoValue32_2 = d->infoValue32_2;
   info.infoValue32_3 = d->infoValue32_3;
@@ -64,13 +97,33 @@ WifiMeasurementInfo ToInfo(const VELAMeasurementDetail* d) {
   info.infoValue8_6 = d->infoValue8_6;
   info.infoValue8_7 = d->infoValue8_7;
   info.infoValue8_8 = d->infoValue8_8;
-  return info;
 }
 
 bool IsExtendedVendorElement(const VELAInfoElement& element) {
   return element.id == kVendorSpecificId && element.len >= kExtendedMinLength &&
          element.len != kUnextendableLength &&
          std::memcmp(element.data, kVendorOui, sizeof kVendorOui) == 0;
+}
+
+// What MarshalFullBeacon appends for one of the beacon's elements.
+uint32_t ElementSize(const VELAInfoElement& element) {
+  return element.len + 2u + (IsExtendedVendorElement(element) ? 1u : 0u);
+}
+
+// A measurement's details, bytes and elements lie apart in the heap, each a
+// wait of its own when first read: fetching starts here, to overlap with
+// filling the record.
+void FetchBlocks(const VELAScanMeasurement& m) {
+  __builtin_prefetch(m.details.getData());
+  __builtin_prefetch(m.rawBytes.getData());
+  __builtin_prefetch(m.elementA);
+  __builtin_prefetch(m.elementB);
+}
+
+// The details themselves, once the block that lists them is in.
+void FetchDetails(const VELAScanMeasurement& m) {
+  const uint32_t n = std::min(m.details.getCount(), kFetchedDetails);
+  for (uint32_t i = 0; i < n; ++i) __builtin_prefetch(m.details.getData()[i]);
 }
 
 // The record MarshalCommon appended at `start`. After a failed append this
@@ -85,9 +138,10 @@ WifiScanMeasurement* AppendedRecord(CommonResponseData& out, uint32_t start) {
 
 void MarshalCommon(CommonResponseData& out, const VELAScanMeasurement* m) {
   if (m == nullptr) return;
+  FetchBlocks(*m);
 
   WifiScanMeasurement rec;
-  std::memset(&rec, 0, sizeof rec);
+  std::memcpy(&rec, &kZeroRecord, sizeof rec);
   rec.bssidLo24 = m->bssid.getLo24();
   rec.bssidHi24 = m->bssid.getHi24();
 
@@ -101,6 +155,7 @@ void MarshalCommon(CommonResponseData& out, const VELAScanMeasurement* m) {
     }
   }
 
+  FetchDetails(*m);
   rec.value64 = m->value64;
   rec.value32_1 = m->value32_1;
   rec.value32_2 = m->value32_2;
@@ -128,8 +183,20 @@ void MarshalCommon(CommonResponseData& out, const VELAScanMeasurement* m) {
 
   // Both cut to 16 bits on purpose: details beyond 65535 are dropped.
   rec.firstInfoIndex = static_cast<uint16_t>(out.infos.getCount());
-  rec.infoCount = static_cast<uint16_t>(m->details.getCount());
-  for (uint32_t i = 0; i < rec.infoCount; ++i) out.infos.push_back(ToInfo(m->details[i]));
+  const uint16_t info_count = static_cast<uint16_t>(m->details.getCount());
+  rec.infoCount = info_count;
+  // Filled in place, not built aside and copied in; one by one only when
+  // their block cannot be had.
+  WifiMeasurementInfo* infos = out.infos.extend(info_count);
+  for (uint32_t i = 0; i < info_count; ++i) {
+    if (infos != nullptr) {
+      FillInfo(infos[i], m->details[i]);
+    } else {
+      WifiMeasurementInfo info;
+      FillInfo(info, m->details[i]);
+      out.infos.push_back(info);
+    }
+  }
 
   rec.bytesOffset = out.bytes.getCount();
   rec.bytesLength = m->rawBytes.getCount();
@@ -142,34 +209,45 @@ void MarshalCommon(CommonResponseData& out, const VELAScanMeasurement* m) {
   out.measurements.push_back(rec);
 }
 
-void MarshalFullBeacon(CommonResponseData& out, const ky_loc_fw::VELAFullBeaconScanMeasurement* m) {
+void MarshalFullBeacon(CommonResponseData& out, const VELAFullBeaconScanMeasurement* m) {
   if (m == nullptr) return;
 
+  __builtin_prefetch(m->informationElements.getData());  // in by the time it is read
   const uint32_t start = out.measurements.getCount();
   MarshalCommon(out, m);
   WifiScanMeasurement* rec = AppendedRecord(out, start);
 
+  // The elements' sizes first, so that one block takes them all.
   const uint32_t offset = out.bytes.getCount();
-  uint32_t total = 0;
   const uint32_t n = m->informationElements.getCount();
+  uint64_t total = 0;
+  for (uint32_t k = 0; k < n; ++k) {
+    const VELAInfoElement* element = m->informationElements[k];
+    if (element != nullptr) total += ElementSize(*element);
+  }
+  signed char* at = out.bytes.extend(total);
+  const uint8_t beacon_byte = static_cast<uint8_t>(m->beaconTsf & 0xFF);
   for (uint32_t k = 0; k < n; ++k) {
     const VELAInfoElement* element = m->informationElements[k];
     if (element == nullptr) continue;
-    if (IsExtendedVendorElement(*element)) {
-      const uint8_t beacon_byte = static_cast<uint8_t>(m->beaconTsf & 0xFF);
-      total += AppendElement(out, *element, static_cast<uint8_t>(element->len + 1), &beacon_byte);
+    const bool extended = IsExtendedVendorElement(*element);
+    const auto length_byte = static_cast<uint8_t>(element->len + (extended ? 1 : 0));
+    const uint8_t* trailing = extended ? &beacon_byte : nullptr;
+    if (at != nullptr) {
+      at = PutElement(at, *element, length_byte, trailing);
     } else {
-      total += AppendElement(out, *element, element->len, nullptr);
+      PushElement(out, *element, length_byte, trailing);
     }
   }
 
   if (rec != nullptr) {
     rec->beaconIesOffset = offset;
-    rec->beaconIesLength = total;
+    // Cut to 32 bits, as a running sum of the field's width would be.
+    rec->beaconIesLength = static_cast<uint32_t>(total);
   }
 }
 
-void MarshalRanging(RangingData& out, const ky_loc_fw::VELARangingScanMeasurement* m) {
+void MarshalRanging(RangingData& out, const VELARangingScanMeasurement* m) {
   if (m == nullptr) return;
 
   const uint32_t start = out.measurements.getCount();

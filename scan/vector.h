@@ -81,22 +81,33 @@ class vector {
     return Regrow(static_cast<uint32_t>(target));
   }
 
+  // n more elements, held from now on, for the caller to fill in place:
+  // returns the first of them, in a block made as reserve makes it. Null,
+  // with nothing changed and nothing logged, when n is 0 or the block cannot
+  // be had; the caller then pushes the elements one by one instead, so that
+  // failures are exactly push_back's.
+  T* extend(uint64_t n) {
+    if (n == 0 || n > UINT32_MAX || !reserve(count + n)) return nullptr;
+    T* slots = data + count;
+    count += static_cast<uint32_t>(n);  // reserve made room: the sum fits
+    return slots;
+  }
+
   // Appends values[0..n) as n calls of push_back would, with at most one new
-  // block (see reserve); should that block not be had, the elements go one
-  // by one through push_back, so that failures are exactly push_back's.
+  // block (see extend).
   int append(const T* values, uint32_t n) {
     if (n == 0) return 0;
-    if (!reserve(uint64_t{count} + n)) {
-      int result = 0;
-      for (uint32_t i = 0; i < n; ++i) {
-        const int one = push_back(values[i]);
-        if (one != 0) result = one;
-      }
-      return result;
+    T* slots = extend(n);
+    if (slots != nullptr) {
+      std::copy_n(values, n, slots);
+      return 0;
     }
-    std::copy_n(values, n, data + count);
-    count += n;
-    return 0;
+    int result = 0;
+    for (uint32_t i = 0; i < n; ++i) {
+      const int one = push_back(values[i]);
+      if (one != 0) result = one;
+    }
+    return result;
   }
 
   // Deep copy that keeps the source's spare room (its capacity, not count).

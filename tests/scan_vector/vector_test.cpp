@@ -1,5 +1,6 @@
 // The growable array: growth, bulk growth, deep copy, checked access and, through a
 // replacement of the non-throwing array new in this binary, every allocation failure.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -47,21 +48,23 @@ void Fill(vector<int>& v, int from, int to) {
   for (int i = from; i < to; ++i) ASSERT_EQ(v.push_back(i), 0);
 }
 
-// Pushes, a bulk append or a reservation (of room in all) land on 64 x 2^k slots, the
-// bulk ones in one new block at most.
+// Pushes, a bulk append, slots to fill in place or a reservation (of room in all) land
+// on 64 x 2^k slots, the bulk ones in one new block at most.
 TEST(VectorTest, GrowsFromSixtyFourByDoubling) {
   const std::vector<int> values = Iota(300);
   const std::tuple<char, int, int, uint32_t, int> cases[] = {
-      // push, append or reserve; held; added or room asked for; capacity; blocks made
-      {'p', 0, 1, 64, 1},   {'p', 0, 64, 64, 1},   {'p', 0, 65, 128, 2},    {'a', 0, 0, 0, 0},
-      {'a', 10, 54, 64, 0}, {'a', 10, 55, 128, 1}, {'a', 100, 200, 512, 1}, {'r', 0, 0, 0, 0},
-      {'r', 10, 64, 64, 0}, {'r', 10, 129, 256, 1}};
+      // push, append, extend or reserve; held; added or room asked for; capacity; blocks made
+      {'p', 0, 1, 64, 1},      {'p', 0, 64, 64, 1},  {'p', 0, 65, 128, 2},
+      {'a', 0, 0, 0, 0},       {'a', 10, 54, 64, 0}, {'a', 10, 55, 128, 1},
+      {'a', 100, 200, 512, 1}, {'e', 0, 1, 64, 1},   {'e', 10, 55, 128, 1},
+      {'r', 0, 0, 0, 0},       {'r', 10, 64, 64, 0}, {'r', 10, 129, 256, 1}};
   for (const auto& [op, held, n, capacity, blocks] : cases) {
     SCOPED_TRACE(testing::Message() << op << " " << held << " " << n);
     vector<int> v;
     Fill(v, 0, held);
     allocations = 0;
     if (op == 'p') Fill(v, 0, n);
+    if (op == 'e') std::copy_n(values.data() + held, n, v.extend(n));
     EXPECT_EQ(op == 'a' ? v.append(values.data() + held, n) : 0, 0);
     EXPECT_TRUE(op != 'r' || v.reserve(n));
     EXPECT_EQ(v.getCapacity(), capacity);
@@ -71,8 +74,8 @@ TEST(VectorTest, GrowsFromSixtyFourByDoubling) {
 }
 
 // A failed first block leaves capacity 64 and no storage and is tried again; a failed
-// larger one changes nothing. A failed bulk block is not logged: reserve says so, append
-// pushes one by one instead.
+// larger one changes nothing. A failed bulk block is not logged: reserve and extend say
+// so, append pushes one by one instead.
 TEST(VectorTest, FailedBlocksLeaveTheArrayUsable) {
   tesk_test::LogLines log("vector");
   vector<int> v;
@@ -83,6 +86,8 @@ TEST(VectorTest, FailedBlocksLeaveTheArrayUsable) {
   const int* block = v.getData();
   fail_next = true;
   EXPECT_FALSE(v.reserve(65));
+  fail_next = true;
+  EXPECT_EQ(v.extend(1), nullptr);
   fail_next = true;
   EXPECT_EQ(v.push_back(64), -2);
   EXPECT_EQ(v.getData(), block);
