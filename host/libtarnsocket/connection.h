@@ -150,6 +150,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void GiveUpReadSide(bool unwatched = false);
   bool RetakeReadSide();
   bool PendingWaitersLocked() const;
+  // A worker serving a call it read will take the read side back soon:
+  // callers leave it free for that worker rather than read themselves.
+  bool RetakerComingLocked() const;
 
   // Reading (connection_reading.cpp): handles frames until self's answer
   // came (self not null) or the read side was given up. Returns with the
@@ -220,6 +223,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   ExportTable exports_;
   std::unordered_map<uint32_t, Proxy*> imports_;
   uint32_t serving_ = 0;            // the peer's calls accepted and not yet answered
+  // Workers serving a call they read themselves, who take the read side
+  // back to answer (those waiting in a call of their own not counted):
+  // callers leave the read side to them, so that they go on reading.
+  uint32_t retakers_ = 0;
+  uint32_t waiting_retakers_ = 0;
+  // The connection whose read side this thread takes back after the call
+  // it serves.
+  static thread_local const Connection* retaking_;
   std::deque<uint32_t> abandoned_;  // calls whose callers stopped waiting
   std::deque<Clock::time_point> strikes_;
   // A service's calls into a peer that once left it waiting are not waited

@@ -17,6 +17,9 @@ namespace {
 // the socket buffer, so the sender cannot block on a peer that is itself
 // blocked sending to us.
 constexpr uint64_t kSmallFrame = uint64_t{32} * 1024;
+// How long a waiting caller leaves a free read side to a worker that will
+// take it back after serving a call.
+constexpr std::chrono::milliseconds kLeaveToRetaker{1};
 
 }  // namespace
 
@@ -74,7 +77,10 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
     if (closed_) return TARN_IPC_ERROR_DEAD;
     waiter.call_id = next_call_id_++;
     waiters_.push_back(&waiter);
-    if (!reader_busy_ && total <= kSmallFrame) {
+    // A worker that reads calls itself and calls back while serving one
+    // does not wait for itself to take the read side back.
+    if (retaking_ == this) ++waiting_retakers_;
+    if (!reader_busy_ && !RetakerComingLocked() && total <= kSmallFrame) {
       TakeReadSideLocked();
       reading = true;
     }
@@ -107,6 +113,7 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
       std::lock_guard<std::mutex> lock(mutex_);
       auto it = std::find(waiters_.begin(), waiters_.end(), &waiter);
       if (it != waiters_.end()) waiters_.erase(it);
+      if (retaking_ == this) --waiting_retakers_;
       probation_ = true;
     }
     WaitBudget::Instance().Spend(start, true);
@@ -125,8 +132,14 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
       ReadLoop(&waiter);
       lock.lock();
     }
-    while (!waiter.done && !closed_ && Clock::now() < waiter.deadline) {
-      if (!reader_busy_) {
+    // A free read side is left to a worker that will take it back after
+    // serving, for a moment: its call may be waiting for this one.
+    const Clock::time_point leave_until = Clock::now() + kLeaveToRetaker;
+    while (!waiter.done && !closed_) {
+      const Clock::time_point now = Clock::now();
+      if (now >= waiter.deadline) break;
+      const bool leaving = RetakerComingLocked() && now < leave_until;
+      if (!reader_busy_ && !leaving) {
         TakeReadSideLocked();
         lock.unlock();
         ReadLoop(&waiter);
@@ -135,10 +148,11 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
       }
       const uint32_t seen = waiter.wake.Seen();
       lock.unlock();
-      waiter.wake.Sleep(seen, waiter.deadline);
+      waiter.wake.Sleep(seen, leaving ? std::min(leave_until, waiter.deadline) : waiter.deadline);
       lock.lock();
     }
   }
+  if (retaking_ == this) --waiting_retakers_;
   const bool cut =
       !waiter.done && !closed_ && (sent == -EINPROGRESS || (sent == 0 && waiter.deadline < due));
   if (budgeted) WaitBudget::Instance().Spend(start, cut);

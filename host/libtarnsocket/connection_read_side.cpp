@@ -41,6 +41,10 @@ void Connection::TakeReadSideLocked() {
   }
 }
 
+bool Connection::RetakerComingLocked() const {
+  return retakers_ > waiting_retakers_;
+}
+
 bool Connection::PendingWaitersLocked() const {
   return std::any_of(waiters_.begin(), waiters_.end(), [](Waiter* w) { return !w->done; });
 }
@@ -48,7 +52,9 @@ bool Connection::PendingWaitersLocked() const {
 void Connection::GiveUpReadSideLocked(bool unwatched) {
   reader_busy_ = false;
   if (closed_) return;
-  const bool pending = PendingWaitersLocked();
+  // Waiting callers read on themselves, unless a worker serving a call will
+  // take the read side back soon.
+  const bool pending = PendingWaitersLocked() && !RetakerComingLocked();
   if (!pending && reader_.Assemble() != FrameReader::Result::kAgain) {
     // A frame already read waits for a reader; the socket may never wake
     // the monitor for it.
@@ -86,6 +92,7 @@ bool Connection::RetakeReadSide() {
   // A worker that lingers on a quiet socket does so briefly (the socket's
   // receive timeout); work that arrives meanwhile gets a worker of its own.
   std::lock_guard<std::mutex> lock(mutex_);
+  --retakers_;
   if (closed_ || reader_busy_) return false;
   if (!NeedsWatchLocked() && !PendingWaitersLocked()) return false;
   TakeReadSideLocked();

@@ -10,6 +10,8 @@
 
 namespace tarnsocket {
 
+thread_local const Connection* Connection::retaking_ = nullptr;
+
 void Connection::ReadLoop(Waiter* self) {
   bool linger = false;
   for (;;) {
@@ -52,8 +54,16 @@ void Connection::ReadLoop(Waiter* self) {
         endpoint_->Dispatch([keep, frame] { keep->ServeHandedOver(frame.get()); });
         continue;
       }
-      GiveUpReadSide(true);
-      if (!Serve(frame.get(), true)) return;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++retakers_;
+        GiveUpReadSideLocked(true);
+      }
+      const Connection* outer = retaking_;
+      retaking_ = this;
+      const bool still_reading = Serve(frame.get(), true);
+      retaking_ = outer;
+      if (!still_reading) return;
       linger = true;
       continue;
     }
