@@ -63,6 +63,11 @@ void AppendElement(CommonResponseData& out, const VELAInfoElement& element, uint
   }
 }
 
+// What element A or B takes in the byte pool; 0 when absent.
+uint32_t OptionalSize(const VELAInfoElement* element) {
+  return element == nullptr ? 0 : element->len + 2u;
+}
+
 // Element A or B of a measurement: the element as it stood in the frame.
 void AppendOptionalElement(CommonResponseData& out, const VELAInfoElement* element,
                            uint32_t* offset, uint32_t* length) {
@@ -188,23 +193,45 @@ void MarshalCommon(CommonResponseData& out, const VELAScanMeasurement* m) {
   // Filled in place, not built aside and copied in; one by one only when
   // their block cannot be had.
   WifiMeasurementInfo* infos = out.infos.extend(info_count);
+  // Every index below the count: the checked access would pass each detail.
+  VELAMeasurementDetail* const* details = m->details.getData();
   for (uint32_t i = 0; i < info_count; ++i) {
     if (infos != nullptr) {
-      FillInfo(infos[i], m->details[i]);
+      FillInfo(infos[i], details[i]);
     } else {
       WifiMeasurementInfo info;
-      FillInfo(info, m->details[i]);
+      FillInfo(info, details[i]);
       out.infos.push_back(info);
     }
   }
 
+  // The bytes, then elements A and B as they stood in the frame, in one
+  // block; piece by piece, each failing as it would alone, when it cannot
+  // be had. Every index below the count: the checked access would pass each
+  // byte.
+  const VELAInfoElement* a = m->elementA;
+  const VELAInfoElement* b = m->elementB;
   rec.bytesOffset = out.bytes.getCount();
   rec.bytesLength = m->rawBytes.getCount();
-  // Every index below the count: the checked access would pass each byte.
-  out.bytes.append(m->rawBytes.getData(), rec.bytesLength);
-
-  AppendOptionalElement(out, m->elementA, &rec.elementAOffset, &rec.elementALength);
-  AppendOptionalElement(out, m->elementB, &rec.elementBOffset, &rec.elementBLength);
+  signed char* at = out.bytes.extend(uint64_t{rec.bytesLength} + OptionalSize(a) + OptionalSize(b));
+  if (at == nullptr) {
+    out.bytes.append(m->rawBytes.getData(), rec.bytesLength);
+    AppendOptionalElement(out, a, &rec.elementAOffset, &rec.elementALength);
+    AppendOptionalElement(out, b, &rec.elementBOffset, &rec.elementBLength);
+  } else {
+    at = std::copy_n(m->rawBytes.getData(), rec.bytesLength, at);
+    const uint32_t a_offset = rec.bytesOffset + rec.bytesLength;
+    if (a != nullptr) {
+      rec.elementAOffset = a_offset;
+      rec.elementALength = OptionalSize(a);
+      at = PutElement(at, *a, a->len, nullptr);
+    }
+    if (b != nullptr) {
+      rec.elementBOffset = a_offset + OptionalSize(a);
+      rec.elementBLength = OptionalSize(b);
+      PutElement(at, *b, b->len, nullptr);
+    }
+  }
 
   out.measurements.push_back(rec);
 }
@@ -220,15 +247,17 @@ void MarshalFullBeacon(CommonResponseData& out, const VELAFullBeaconScanMeasurem
   // The elements' sizes first, so that one block takes them all.
   const uint32_t offset = out.bytes.getCount();
   const uint32_t n = m->informationElements.getCount();
+  // Every index below the count: the checked access would pass each entry.
+  VELAInfoElement* const* elements = m->informationElements.getData();
   uint64_t total = 0;
   for (uint32_t k = 0; k < n; ++k) {
-    const VELAInfoElement* element = m->informationElements[k];
+    const VELAInfoElement* element = elements[k];
     if (element != nullptr) total += ElementSize(*element);
   }
   signed char* at = out.bytes.extend(total);
   const uint8_t beacon_byte = static_cast<uint8_t>(m->beaconTsf & 0xFF);
   for (uint32_t k = 0; k < n; ++k) {
-    const VELAInfoElement* element = m->informationElements[k];
+    const VELAInfoElement* element = elements[k];
     if (element == nullptr) continue;
     const bool extended = IsExtendedVendorElement(*element);
     const auto length_byte = static_cast<uint8_t>(element->len + (extended ? 1 : 0));

@@ -1,9 +1,11 @@
 // Byte-exact records from library measurements with chosen values: every
 // field and SSID state at its wire offset, the pools and how records refer to
-// them, and the vendor-element extension.
+// them, the vendor-element extension, and, through a replacement of the
+// non-throwing array new in this binary, blocks that cannot be had.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -14,6 +16,17 @@
 #include "ky_loc_fw/vela_test_control.h"
 #include "scan/marshal.h"
 #include "scan/vendor_oui.h"
+
+static int fail_at = 0;  // when set, the fail_at-th non-throwing array new from now returns null
+
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  if (fail_at > 0 && --fail_at == 0) return nullptr;
+  try {  // the throwing form keeps the sanitizers' new/delete pairing
+    return ::operator new[](size);
+  } catch (...) {
+    return nullptr;
+  }
+}
 
 namespace {
 
@@ -167,6 +180,36 @@ TEST(MarshalTest, PoolsAndVendorExtension) {
   EXPECT_EQ(std::make_tuple(rec[1].firstInfoIndex, rec[1].bytesOffset, rec[1].firstMacIndex,
                             rec[1].macCount, out.macs[1].lo24, out.macs[1].hi24),
             std::make_tuple(2, expected.size() - 1, 1u, 1u, 0x334455u, 0x001122u));
+}
+
+// Each block marshalling asks for is refused in turn (the pool holds 40 bytes first, so
+// that its blocks are grown ones). A bulk block that is refused gives way to pushes one at a
+// time, which land where the bulk would have; only the record's own push, if refused, loses
+// what it held.
+TEST(MarshalTest, ARefusedBlockCostsOnlyWhatAPushCouldNotStore) {
+  ky_loc_fw::VELAFullBeaconScanMeasurement beacon;
+  for (int i = 0; i < 3; ++i) beacon.details.push_back(new VELAMeasurementDetail());
+  beacon.details[2]->infoValue32_1 = 7;
+  for (signed char c : {1, 2, 3}) beacon.rawBytes.push_back(c);
+  beacon.elementA = Element(48, Bytes(20, 0xA1));
+  beacon.elementB = Element(45, Bytes(26, 0xB2));
+  for (int n : {30, 25})
+    beacon.informationElements.push_back(Element(221, VendorData(kVendorOui, n)));
+  const auto marshal = [&beacon](int refused) {
+    CommonResponseData out;
+    for (int i = 0; i < 40; ++i) out.bytes.push_back(static_cast<signed char>(i));
+    fail_at = refused;
+    MarshalFullBeacon(out, &beacon);
+    fail_at = 0;
+    return std::make_tuple(Raw(out.measurements), Raw(out.infos), Raw(out.bytes));
+  };
+  const auto [records, infos, bytes] = marshal(0);
+  for (int refused = 1; refused <= 5; ++refused) {
+    SCOPED_TRACE(refused);
+    const auto [got_records, got_infos, got_bytes] = marshal(refused);
+    EXPECT_TRUE(got_records == records || got_records.empty());
+    EXPECT_EQ(std::tie(got_infos, got_bytes), std::tie(infos, bytes));
+  }
 }
 
 }  // namespace
