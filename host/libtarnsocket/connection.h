@@ -158,6 +158,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // came (self not null) or the read side was given up. Returns with the
   // read side given up either way.
   void ReadLoop(Waiter* self);
+  // Answers and releases already read behind a call, up to the next call:
+  // handled before the call is served, since they are quick and left to
+  // another reader they would cost a worker of their own.
+  void HandleAnswersBehind();
   Accepted Accept(InvokeFrame* frame, bool* reading);
 
   // Serving (connection_serving.cpp): runs the target, drops the call's

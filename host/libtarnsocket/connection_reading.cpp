@@ -54,6 +54,7 @@ void Connection::ReadLoop(Waiter* self) {
         endpoint_->Dispatch([keep, frame] { keep->ServeHandedOver(frame.get()); });
         continue;
       }
+      HandleAnswersBehind();
       {
         std::lock_guard<std::mutex> lock(mutex_);
         ++retakers_;
@@ -79,6 +80,18 @@ void Connection::ReadLoop(Waiter* self) {
     if (!ok) break;
   }
   GiveUpReadSide();
+}
+
+void Connection::HandleAnswersBehind() {
+  while (reader_.Assemble() == FrameReader::Result::kFrame) {
+    const FrameHeader header = reader_.header();
+    if (header.type == kFrameInvoke) return;
+    bool mine = false;
+    const bool ok = header.type == kFrameReply ? HandleReply(header, reader_.refs(), nullptr, &mine)
+                                               : HandleRelease(header);
+    reader_.Next();
+    if (!ok) return;
+  }
 }
 
 Connection::Accepted Connection::Accept(InvokeFrame* frame, bool* reading) {
