@@ -13,16 +13,13 @@ namespace tarnsocket {
 thread_local const Connection* Connection::retaking_ = nullptr;
 
 void Connection::ReadLoop(Waiter* self) {
-  bool linger = false;
+  // A caller waits for its answer; a worker that has answered a call waits
+  // a moment for the peer's next call, which then costs no wake-up, reading
+  // meanwhile whatever else comes (answers to others' calls, releases). A
+  // peer that only answers calls made to it keeps no worker waiting.
+  Clock::time_point linger_until;
   for (;;) {
-    // A caller waits for its answer; a worker that has answered a call waits
-    // a moment for whatever the peer sends next (answers to others' calls,
-    // releases, its next call), which then costs no wake-up, and goes on
-    // waiting as long as something comes (a little over the socket's receive
-    // timeout, so that one blocking recv does it).
-    const Clock::time_point until = self != nullptr ? self->deadline
-                                    : linger        ? After(kShortWaitMs + 1)
-                                                    : Clock::time_point();
+    const Clock::time_point until = self != nullptr ? self->deadline : linger_until;
     const FrameReader::Result result = reader_.Read(fd_, until, self != nullptr);
     if (result == FrameReader::Result::kAgain) break;
     if (result == FrameReader::Result::kEnded) {
@@ -65,7 +62,9 @@ void Connection::ReadLoop(Waiter* self) {
       const bool still_reading = Serve(frame.get(), true);
       retaking_ = outer;
       if (!still_reading) return;
-      linger = true;
+      // A little over the socket's receive timeout, so that one blocking
+      // recv does it.
+      linger_until = After(kShortWaitMs + 1);
       continue;
     }
     if (header.type == kFrameReply) {
