@@ -74,9 +74,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // The monitor's regular look: watches the socket again if a served call
   // has left it unwatched for longer than kUnwatchedGrace (at once if
   // `ticking` is false), sends releases still queued, ends the connection
-  // if a frame is overdue, and
-  // counts the strike of a call the process stopped waiting for early once
-  // the peer's own time for it is up. True while it needs looking at again.
+  // if a frame is overdue, and counts the strike of a call the process
+  // stopped waiting for early once the peer's own time for it is up. True
+  // while it needs looking at again.
   bool Sweep(Clock::time_point now, bool ticking);
 
   // Ends the connection; why, if not null, is logged. Every reference the
