@@ -129,6 +129,29 @@ TEST(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
   EXPECT_EQ(echoed.Settle() + deep.Settle(), 0);
 }
 
+// A release the service makes while busy waits for a frame to ride on; with
+// none coming it still goes, at the monitor's next tick.
+TEST(IpcObjectsTest, ReleaseWithNothingToRideOnStillGoes) {
+  Served served;
+  const int fd = served.RawConnect(Frame({8, kFrameInvoke, 1, {}, 1, 0, kOpStore,
+                                          OBJECT_COUNTS(0, 0, 1, 0)},
+                                         {Raw(ObjectRef{kRefSenderExport, 5})}));
+  EXPECT_EQ(ReadFrame(fd).type, kFrameReply);
+  Object stored = kNullObject;
+  {
+    std::lock_guard<std::mutex> lock(served.mutex);
+    std::swap(stored, served.stored);
+  }
+  ObjectRelease(stored);
+  const timeval patience{2, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  const FrameHeader release = ReadFrame(fd);
+  EXPECT_EQ(release.type, kFrameRelease);
+  EXPECT_EQ(release.handle, 5u);
+  EXPECT_EQ(release.code, 1u);
+  close(fd);
+}
+
 // A peer that holds one of the service's objects, leaves a callback, keeps a
 // call open (so that a service thread calling it reads its answer itself) and
 // dies while called back. Like an event source that delivers under its lock,
