@@ -18,6 +18,7 @@
 #include "ky_loc_fw/vela_response.h"
 #include "ky_loc_fw/vela_test_control.h"
 #include "scan/marshal.h"
+#include "scan/result_delivery.h"
 #include "scan/scan_heap.h"
 
 namespace {
@@ -81,14 +82,18 @@ class Copier {
   std::vector<uint8_t> records_, infos_, pool_;
 };
 
-// What the daemon does with each response: size the arrays, marshal every
-// beacon, hand the arrays over, free them.
+// What the daemon does with each response: size the arrays, walk the
+// measurements as it does (asking each its type), marshal every beacon, hand
+// the arrays over, free them.
 void Marshal(const Response& response) {
   CommonResponseData out;
   out.measurements.reserve(response.measurements.getCount());
-  for (uint32_t i = 0; i < response.measurements.getCount(); ++i) {
-    MarshalFullBeacon(out, Beacon(response, i));
-  }
+  ForEachMeasurement(
+      response.measurements, [&out](const ky_loc_fw::VELAScanMeasurement* m, int type) {
+        if (type == ky_loc_fw::VELAScanMeasurement::MEASUREMENT_TYPE_FULL_BEACON) {
+          MarshalFullBeacon(out, static_cast<const VELAFullBeaconScanMeasurement*>(m));
+        }
+      });
   benchmark::DoNotOptimize(out.bytes.getData());
 }
 
