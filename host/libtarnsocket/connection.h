@@ -226,7 +226,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::vector<Waiter*> waiters_;
   ExportTable exports_;
   std::unordered_map<uint32_t, Proxy*> imports_;
-  uint32_t serving_ = 0;            // the peer's calls accepted and not yet answered
+  uint32_t serving_ = 0;  // the peer's calls accepted and not yet answered
   // Workers serving a call they read themselves, who take the read side
   // back to answer (those waiting in a call of their own not counted):
   // callers leave the read side to them, so that they go on reading.

@@ -133,9 +133,9 @@ TEST(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
 // none coming it still goes, at the monitor's next tick.
 TEST(IpcObjectsTest, ReleaseWithNothingToRideOnStillGoes) {
   Served served;
-  const int fd = served.RawConnect(Frame({8, kFrameInvoke, 1, {}, 1, 0, kOpStore,
-                                          OBJECT_COUNTS(0, 0, 1, 0)},
-                                         {Raw(ObjectRef{kRefSenderExport, 5})}));
+  const int fd =
+      served.RawConnect(Frame({8, kFrameInvoke, 1, {}, 1, 0, kOpStore, OBJECT_COUNTS(0, 0, 1, 0)},
+                              {Raw(ObjectRef{kRefSenderExport, 5})}));
   EXPECT_EQ(ReadFrame(fd).type, kFrameReply);
   Object stored = kNullObject;
   {
