@@ -1,9 +1,9 @@
 // Cost of marshalling a discovery response of 21, 1,000 and 10,000 full
 // beacons, against a baseline in the same run: appending the same bytes
-// (records, details, raw bytes, elements) to buffers sized beforehand, the
-// least any flattening has to do. Marshalling and copying alternate, and
-// their medians are compared; the Google Benchmark runs follow unless
-// --quick is given.
+// (records, details, raw bytes, elements A and B, the beacon's elements) to
+// buffers sized beforehand, the least any flattening has to do. Marshalling
+// and copying alternate, and their medians are compared; the Google
+// Benchmark runs follow unless --quick is given.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -34,7 +34,9 @@ const VELAFullBeaconScanMeasurement* Beacon(const Response& r, uint32_t i) {
   return static_cast<const VELAFullBeaconScanMeasurement*>(r.measurements.getData()[i]);
 }
 
-// The baseline: the response's bytes appended to buffers that are big enough.
+// The baseline: the response's bytes appended to buffers that are big
+// enough: records, details, raw bytes, elements A and B, the beacon's
+// elements.
 class Copier {
  public:
   explicit Copier(const Response& response) : response_(response) {
@@ -43,6 +45,9 @@ class Copier {
       const VELAFullBeaconScanMeasurement* m = Beacon(response, i);
       details += m->details.getCount();
       pool += m->rawBytes.getCount();
+      for (const ky_loc_fw::VELAInfoElement* e : {m->elementA, m->elementB}) {
+        if (e != nullptr) pool += 2u + e->len;
+      }
       for (uint32_t k = 0; k < m->informationElements.getCount(); ++k) {
         pool += 2u + m->informationElements.getData()[k]->len;
       }
@@ -63,12 +68,16 @@ class Copier {
       }
       std::memcpy(&pool_[p], m->rawBytes.getData(), m->rawBytes.getCount());
       p += m->rawBytes.getCount();
-      for (uint32_t k = 0; k < m->informationElements.getCount(); ++k) {
-        const ky_loc_fw::VELAInfoElement* e = m->informationElements.getData()[k];
+      const auto put = [this, &p](const ky_loc_fw::VELAInfoElement* e) {
         pool_[p] = e->id;
         pool_[p + 1] = e->len;
         if (e->len != 0) std::memcpy(&pool_[p + 2], e->data, e->len);
         p += 2u + e->len;
+      };
+      if (m->elementA != nullptr) put(m->elementA);
+      if (m->elementB != nullptr) put(m->elementB);
+      for (uint32_t k = 0; k < m->informationElements.getCount(); ++k) {
+        put(m->informationElements.getData()[k]);
       }
     }
     benchmark::DoNotOptimize(records_.data());
