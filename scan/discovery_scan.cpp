@@ -13,6 +13,7 @@
 #include "ky_loc_fw/vela_response.h"
 #include "scan/marshal.h"
 #include "scan/object_buffers.h"
+#include "scan/pool_sizing.h"
 #include "scan/response_data.h"
 #include "scan/result_delivery.h"
 #include "scan/scan_start.h"
@@ -48,11 +49,11 @@ void ResponseReceived(VELAResponse* response, Object callback) {
                        discovery->scanStatus,
                        static_cast<size_t>(discovery->measurements.getCount()));
 
+  static PoolSizing pools;
   CommonResponseData data;
-  // At most one record per measurement: their block is made once. The pools
-  // grow as they go; sizing them first would read every element of the
-  // response twice, which costs more than their few doublings.
-  data.measurements.reserve(discovery->measurements.getCount());
+  const uint32_t count = discovery->measurements.getCount();
+  data.measurements.reserve(count);  // at most one record each
+  pools.Reserve(data, count);
   ForEachMeasurement(discovery->measurements, [&data](const VELAScanMeasurement* m, int type) {
     if (type == kFullBeaconType) {
       MarshalFullBeacon(data, static_cast<const VELAFullBeaconScanMeasurement*>(m));
@@ -60,6 +61,8 @@ void ResponseReceived(VELAResponse* response, Object callback) {
       ky_loc_fw::log_warning(kTag, "DiscoveryScan: Unexpected measurement type %d\n", type);
     }
   });
+
+  pools.Learn(data, count);
 
   DiscoveryResponseHeader header;
   header.response_value = discovery->scanTimestamp;

@@ -14,6 +14,7 @@
 #include "ky_loc_fw/vela_response.h"
 #include "scan/marshal.h"
 #include "scan/object_buffers.h"
+#include "scan/pool_sizing.h"
 #include "scan/response_data.h"
 #include "scan/result_delivery.h"
 #include "scan/scan_start.h"
@@ -46,8 +47,11 @@ void ResponseReceived(VELAResponse* response, Object callback) {
                        static_cast<int>(response->getRequestId()),
                        static_cast<int>(ranging->measurements.getCount()));
 
+  static PoolSizing pools;
   RangingData data;
-  data.measurements.reserve(ranging->measurements.getCount());  // at most one record each
+  const uint32_t count = ranging->measurements.getCount();
+  data.measurements.reserve(count);  // at most one record each
+  pools.Reserve(data, count);
   // Full beacons are unexpected here too: they belong to discovery results.
   ForEachMeasurement(ranging->measurements, [&data](const VELAScanMeasurement* m, int type) {
     if (type == VELAScanMeasurement::MEASUREMENT_TYPE_SCAN) {
@@ -58,6 +62,7 @@ void ResponseReceived(VELAResponse* response, Object callback) {
       ky_loc_fw::log_warning(kTag, "RangingScan: Unexpected measurement type %d\n", type);
     }
   });
+  pools.Learn(data, count);
   DeliverRanging(callback, static_cast<uint32_t>(ranging->scanStatus), &data);
 }
 

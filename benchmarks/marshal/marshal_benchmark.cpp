@@ -18,6 +18,7 @@
 #include "ky_loc_fw/vela_response.h"
 #include "ky_loc_fw/vela_test_control.h"
 #include "scan/marshal.h"
+#include "scan/pool_sizing.h"
 #include "scan/result_delivery.h"
 #include "scan/scan_heap.h"
 
@@ -91,18 +92,23 @@ class Copier {
   std::vector<uint8_t> records_, infos_, pool_;
 };
 
-// What the daemon does with each response: size the arrays, walk the
+// What the daemon does with each response: size the arrays (the pools as
+// the last response of this size needed), walk the
 // measurements as it does (asking each its type), marshal every beacon, hand
 // the arrays over, free them.
 void Marshal(const Response& response) {
+  static PoolSizing pools;
   CommonResponseData out;
-  out.measurements.reserve(response.measurements.getCount());
+  const uint32_t count = response.measurements.getCount();
+  out.measurements.reserve(count);
+  pools.Reserve(out, count);
   ForEachMeasurement(
       response.measurements, [&out](const ky_loc_fw::VELAScanMeasurement* m, int type) {
         if (type == ky_loc_fw::VELAScanMeasurement::MEASUREMENT_TYPE_FULL_BEACON) {
           MarshalFullBeacon(out, static_cast<const VELAFullBeaconScanMeasurement*>(m));
         }
       });
+  pools.Learn(out, count);
   benchmark::DoNotOptimize(out.bytes.getData());
 }
 

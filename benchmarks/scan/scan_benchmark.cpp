@@ -291,12 +291,12 @@ void Measure(const Plan& plan, bool quick) {
   }
   service_clock.reset();
 
-  // Counted apart from the timing, each side on its own, over at least 30
+  // Counted apart from the timing, each side on its own, over at least 60
   // scans and after as many in the same back-to-back rhythm: there one
   // scan's response is still being deleted while the next is built, and the
   // heap takes a few such scans to settle at what both need (now and then
   // it still grows once more, a one-off that fewer scans would overstate).
-  const int counted = std::max(plan.per_repetition, 30);
+  const int counted = std::max(plan.per_repetition, 60);
   for (int i = 0; i < counted; ++i, ++scans) {
     if (client.Scan() < 0) return Fail("scan " + label, "a scan failed");
   }
