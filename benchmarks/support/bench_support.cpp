@@ -167,9 +167,10 @@ ProcessCounters ReadCounters(pid_t pid) {
   return counters;
 }
 
-bool WaitQuiet(pid_t pid) {
+bool WaitQuiet(pid_t pid, double stretch_ns) {
   const std::string self = std::to_string(gettid());
   const double deadline = NowNs() + 1e9;
+  double quiet_since = -1;
   for (;;) {
     bool busy = false;
     ForEachTask(pid, [&](const std::string& task) {
@@ -180,8 +181,15 @@ bool WaitQuiet(pid_t pid) {
       const size_t end = stat.rfind(')');
       busy = end != std::string::npos && end + 2 < stat.size() && stat[end + 2] == 'R';
     });
-    if (!busy) return true;
-    if (NowNs() > deadline) return false;
+    const double now = NowNs();
+    if (busy) {
+      quiet_since = -1;
+    } else if (quiet_since < 0) {
+      quiet_since = now;
+    } else if (now - quiet_since >= stretch_ns) {
+      return true;
+    }
+    if (now > deadline) return false;
     usleep(20);
   }
 }

@@ -44,10 +44,11 @@ ThreadSwitchMap ThreadSwitches(pid_t pid);
 std::string SwitchesBetween(pid_t pid, const ThreadSwitchMap& before, const ThreadSwitchMap& after,
                             double per);
 
-// Waits (up to a second) until no thread of `pid` but the caller is running
-// or ready to run, so that what one measurement left behind does not land in
-// the next; false when that never happened.
-bool WaitQuiet(pid_t pid);
+// Waits (up to a second) until no thread of `pid` but the caller has been
+// running or ready to run for `stretch_ns` (at one look if 0), so that what
+// one measurement left behind does not land in the next; false when that
+// never happened.
+bool WaitQuiet(pid_t pid, double stretch_ns = 0);
 
 // Command line common to all programs: --quick runs each measurement just
 // long enough to show that it works.
