@@ -184,10 +184,9 @@ bool WaitQuiet(pid_t pid, double stretch_ns) {
     const double now = NowNs();
     if (busy) {
       quiet_since = -1;
-    } else if (quiet_since < 0) {
-      quiet_since = now;
-    } else if (now - quiet_since >= stretch_ns) {
-      return true;
+    } else {
+      if (quiet_since < 0) quiet_since = now;
+      if (now - quiet_since >= stretch_ns) return true;
     }
     if (now > deadline) return false;
     usleep(20);
