@@ -98,6 +98,16 @@ class RawPeer {
   pid_t pid_ = -1;
 };
 
+// A time against the baseline, with no goal.
+void InformationRow(const std::string& figure, double ns, double base_ns) {
+  bench::Row row;
+  row.figure = figure;
+  row.value = FormatNs(ns);
+  row.baseline = FormatNs(base_ns);
+  row.ratio = FormatCount(ns / base_ns, "") + "x";
+  bench::PrintRow(row);
+}
+
 int64_t OwnContextSwitches() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -345,12 +355,7 @@ void Measure(const Plan& plan, bool quick) {
     switches.ratio = FormatCount(scan_switches / raw_switches, "") + "x";
     bench::PrintRow(switches);
   } else {
-    bench::Row row;
-    row.figure = "scan " + label + ", one core";
-    row.value = FormatNs(scan);
-    row.baseline = FormatNs(base);
-    row.ratio = FormatCount(scan / base, "") + "x";
-    bench::PrintRow(row);
+    InformationRow("scan " + label + ", one core", scan, base);
   }
   const double service = bench::Median(service_ns);
   std::printf(
@@ -366,12 +371,7 @@ void Measure(const Plan& plan, bool quick) {
     bench::PrintRow(bench::RatioRow("scan " + label + " less service time", FormatNs(net),
                                     FormatNs(base), net / base, 4.0));
   } else {
-    bench::Row row;
-    row.figure = "scan " + label + " less service time";
-    row.value = FormatNs(net);
-    row.baseline = FormatNs(base);
-    row.ratio = FormatCount(net / base, "") + "x";
-    bench::PrintRow(row);
+    InformationRow("scan " + label + " less service time", net, base);
   }
   const std::string faults_figure = "daemon page faults per scan, " + label;
   if (plan.aps >= 10000) {
