@@ -71,10 +71,7 @@ void Connection::Close(const char* why) {
     exports_.ForgetPeer(&released);
     // Proxies stay valid for their holders; their calls now fail at once.
     imports_.clear();
-    for (Waiter* waiter : waiters_) {
-      waiter->wake.Bump();
-      waiter->wake.Wake();
-    }
+    WakeWaitersLocked();
   }
   if (why != nullptr) LogError("Connection to pid %d closed: %s", peer_pid_, why);
   shutdown(fd_, SHUT_RDWR);

@@ -150,6 +150,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void GiveUpReadSide(bool unwatched = false);
   bool RetakeReadSide();
   bool PendingWaitersLocked() const;
+  // Wakes every waiting caller, to look at the read side or its answer.
+  void WakeWaitersLocked();
   // A worker serving a call it read will take the read side back soon:
   // callers leave it free for that worker rather than read themselves.
   bool RetakerComingLocked() const;

@@ -45,6 +45,14 @@ bool Connection::RetakerComingLocked() const {
   return retakers_ > waiting_retakers_;
 }
 
+void Connection::WakeWaitersLocked() {
+  // Only callers still waiting are listed: an answered one is taken out.
+  for (Waiter* waiter : waiters_) {
+    waiter->wake.Bump();
+    waiter->wake.Wake();
+  }
+}
+
 bool Connection::PendingWaitersLocked() const {
   return std::any_of(waiters_.begin(), waiters_.end(), [](Waiter* w) { return !w->done; });
 }
@@ -64,11 +72,7 @@ void Connection::GiveUpReadSideLocked(bool unwatched) {
     return;
   }
   if (pending) {
-    for (Waiter* waiter : waiters_) {
-      if (waiter->done) continue;
-      waiter->wake.Bump();
-      waiter->wake.Wake();
-    }
+    WakeWaitersLocked();
     return;
   }
   if (!NeedsWatchLocked()) return;
