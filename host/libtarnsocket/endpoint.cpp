@@ -17,9 +17,11 @@ namespace tarnsocket {
 namespace {
 
 constexpr size_t kMaxWorkers = 256;
-// Workers beyond these end after this long without work.
-constexpr size_t kKeptWorkers = 4;
-constexpr std::chrono::seconds kWorkerIdle{10};
+// The rest end after this long without work, so that an idle process holds
+// one worker's stack and heap, whatever its last burst needed, and that one
+// sleeps until there is work (no timed wake-ups while idle).
+constexpr size_t kKeptWorkers = 1;
+constexpr std::chrono::seconds kWorkerIdle{1};
 
 }  // namespace
 
@@ -155,8 +157,13 @@ void Endpoint::WorkerLoop() {
   std::unique_lock<std::mutex> lock(pool_mutex_);
   for (;;) {
     ++idle_;
-    const bool woken =
-        pool_cv_.wait_for(lock, kWorkerIdle, [this] { return pool_stopping_ || !tasks_.empty(); });
+    const auto work = [this] { return pool_stopping_ || !tasks_.empty(); };
+    bool woken = true;
+    if (workers_.size() <= kKeptWorkers) {
+      pool_cv_.wait(lock, work);
+    } else {
+      woken = pool_cv_.wait_for(lock, kWorkerIdle, work);
+    }
     --idle_;
     if (!woken) {
       if (workers_.size() <= kKeptWorkers) continue;
