@@ -151,8 +151,8 @@ int main(int argc, char** argv) {
       const auto [low, high] = std::minmax_element(rates.begin(), rates.end());
       return bench::FormatCount(*low, "") + " to " + bench::FormatCount(*high, "/s");
     };
-    std::printf("@note calls per second over %d repetitions, %s: raw %s, library %s\n",
-                repetitions, who.c_str(), range(raw_rate).c_str(), range(library_rate).c_str());
+    std::printf("@note calls per second over %d repetitions, %s: raw %s, library %s\n", repetitions,
+                who.c_str(), range(raw_rate).c_str(), range(library_rate).c_str());
     const double rate = bench::Median(library_rate), raw_rate_median = bench::Median(raw_rate);
     const double p99 = bench::Median(library_p99), raw_p99_median = bench::Median(raw_p99);
     bench::PrintRow(bench::RatioRow("calls per second, " + who, bench::FormatCount(rate, "/s"),
