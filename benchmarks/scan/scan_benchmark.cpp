@@ -23,9 +23,9 @@
 #include <string>
 #include <vector>
 
-#include "benchmarks/scan/neighbourhood_text.h"
 #include "benchmarks/scan/scan_client.h"
 #include "benchmarks/support/bench_support.h"
+#include "benchmarks/support/neighbourhood_text.h"
 #include "ky_loc_fw/log.h"
 #include "ky_loc_fw/vela_client.h"
 #include "ky_loc_fw/vela_request.h"

@@ -1,4 +1,4 @@
-#include "benchmarks/scan/neighbourhood_text.h"
+#include "benchmarks/support/neighbourhood_text.h"
 
 namespace bench {
 

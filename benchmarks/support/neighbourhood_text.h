@@ -1,7 +1,7 @@
 // Scenario text for the simulated location service with any number of
 // access points, all answering at once (latency 0).
-#ifndef TESK_BENCHMARKS_SCAN_NEIGHBOURHOOD_TEXT_H_
-#define TESK_BENCHMARKS_SCAN_NEIGHBOURHOOD_TEXT_H_
+#ifndef TESK_BENCHMARKS_SUPPORT_NEIGHBOURHOOD_TEXT_H_
+#define TESK_BENCHMARKS_SUPPORT_NEIGHBOURHOOD_TEXT_H_
 
 #include <cstddef>
 #include <string>
@@ -14,4 +14,4 @@ std::string NeighbourhoodText(size_t count);
 
 }  // namespace bench
 
-#endif  // TESK_BENCHMARKS_SCAN_NEIGHBOURHOOD_TEXT_H_
+#endif  // TESK_BENCHMARKS_SUPPORT_NEIGHBOURHOOD_TEXT_H_

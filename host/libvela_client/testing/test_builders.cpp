@@ -46,15 +46,5 @@ std::string SsidBytes(const VELASsid& ssid) {
   return std::string(reinterpret_cast<const char*>(buf), static_cast<size_t>(len));
 }
 
-VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed) {
-  auto* response = new VELADiscoveryScanResponse(id);
-  for (size_t i = 0; i < count; ++i) {
-    auto* m = new VELAFullBeaconScanMeasurement();
-    vela_sim::FillDistinct(m, seed + static_cast<uint32_t>(i));
-    if (response->measurements.push_back(m) != 0) delete m;
-  }
-  return response;
-}
-
 }  // namespace vela_test
 }  // namespace ky_loc_fw

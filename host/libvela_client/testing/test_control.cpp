@@ -1,8 +1,10 @@
 // The process-wide state of vela_test_control.h: the observer that the
 // simulated clients report to once a test binary links this library.
 #include <algorithm>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "host/libvela_client/control_seam.h"
 #include "host/libvela_client/delivery_queue.h"
@@ -131,6 +133,15 @@ size_t ReleaseHeldAnswers() {
     const size_t count = c.held.size();
     c.held.clear();
     return count;
+  });
+}
+
+std::vector<std::unique_ptr<VELAResponse>> TakeHeldAnswers() {
+  return Locked([](Control& c) {
+    std::vector<std::unique_ptr<VELAResponse>> taken;
+    for (HeldAnswer& h : c.held) taken.push_back(std::move(h.second));
+    c.held.clear();
+    return taken;
   });
 }
 

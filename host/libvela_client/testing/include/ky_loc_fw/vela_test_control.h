@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,9 @@ void HoldAnswers(bool hold);
 // Queues the held answers for delivery, in the order they were made; returns
 // how many.
 size_t ReleaseHeldAnswers();
+// Hands the held answers to the caller instead, in the order they were made:
+// responses as the service builds them, to measure or look into.
+std::vector<std::unique_ptr<VELAResponse>> TakeHeldAnswers();
 
 // Queues response (null: a null response) for delivery on the current
 // client's delivery thread, after what is already due, and waits until the
@@ -82,10 +86,6 @@ inline constexpr auto& MakeMeasurementOfType = vela_sim::NewMeasurementOfType;
 VELAMacAddress MakeMac(uint32_t hi24, uint32_t lo24);
 // The SSID's bytes; empty when it is not valid.
 std::string SsidBytes(const VELASsid& ssid);
-
-// A response holding count full beacons filled by vela_sim::FillDistinct
-// (host/libvela_client/distinct_measurements.h) with seeds seed, seed + 1, ...
-VELADiscoveryScanResponse* MakeDiscoveryResponse(unsigned int id, size_t count, uint32_t seed);
 
 // Sets an SSID's stored state as it stands, bypassing setSSID's checks: a
 // valid SSID with a length above 32 makes getSSID fail.
