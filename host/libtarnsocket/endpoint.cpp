@@ -17,9 +17,9 @@ namespace tarnsocket {
 namespace {
 
 constexpr size_t kMaxWorkers = 256;
-// The rest end after this long without work, so that an idle process holds
-// one worker's stack and heap, whatever its last burst needed, and that one
-// sleeps until there is work (no timed wake-ups while idle).
+// One worker stays, asleep until there is work (no timed wake-ups while
+// idle); the others end after a second without work, so that an idle process
+// holds one worker's stack and heap whatever its last burst needed.
 constexpr size_t kKeptWorkers = 1;
 constexpr std::chrono::seconds kWorkerIdle{1};
 
