@@ -1,7 +1,7 @@
 // One client cannot hold up the others: clients whose callbacks answer
 // late, never answer or never read, and a process out of descriptors, each
 // against a bystander that keeps being served; and buffers kept for reuse
-// stay bounded. Bounds are
+// and the workers of a burst stay bounded. Bounds are
 // generous: they separate a bounded delay from the unbounded waits these
 // peers used to cause.
 #include <sys/resource.h>
@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -192,6 +194,42 @@ TEST(IpcPressureTest, KeptBuffersStayWithinTheirLimitAndGoWhenIdle) {
   EXPECT_TRUE(pool.Trim(Clock::now()));
   EXPECT_FALSE(pool.Trim(Clock::now() + kBufferIdle));
   EXPECT_EQ(pool.kept(), 0u);
+}
+
+// Threads of the library's worker pools in this process.
+size_t Workers() {
+  size_t n = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path() / "comm");
+    std::string name;
+    std::getline(comm, name);
+    n += name == "tarn:worker" ? 1 : 0;
+  }
+  return n;
+}
+
+// A burst of calls served at once gets a worker each; once it is over those
+// workers go, but for the one each pool keeps, and the service still answers.
+TEST(IpcPressureTest, WorkersOfABurstGoOnceIdle) {
+  constexpr size_t kCallers = 8;
+  Served served;
+  std::vector<Object> roots;
+  std::vector<std::thread> callers;
+  callers.reserve(kCallers);
+  for (size_t i = 0; i < kCallers; ++i) roots.push_back(served.Connect());
+  for (Object root : roots) {
+    callers.emplace_back([root] { EXPECT_EQ(Call(root, kOpBlock), OBJECT_OK); });
+  }
+  const auto give_up = Clock::now() + std::chrono::seconds(10);
+  while (Workers() < kCallers && Clock::now() < give_up) Pause();
+  EXPECT_GE(Workers(), kCallers);
+  served.unblocked = true;
+  for (std::thread& caller : callers) caller.join();
+  // The service's pool and this process's client pool keep one each.
+  while (Workers() > 2 && Clock::now() < give_up) Pause();
+  EXPECT_LE(Workers(), 2u);
+  EXPECT_EQ(Store(roots[0], kNullObject), 0);
+  for (Object root : roots) ObjectRelease(root);
 }
 
 // Out of descriptors, the service stops accepting for a while instead of
