@@ -52,15 +52,20 @@ void PushElement(CommonResponseData& out, const VELAInfoElement& element, uint8_
   if (trailing != nullptr) out.bytes.push_back(static_cast<signed char>(*trailing));
 }
 
+// The element written at `at`, in a block already held, returning the byte
+// after it; with no block (at null), pushed instead, returning null.
+signed char* PlaceElement(CommonResponseData& out, signed char* at, const VELAInfoElement& element,
+                          uint8_t length_byte, const uint8_t* trailing) {
+  if (at != nullptr) return PutElement(at, element, length_byte, trailing);
+  PushElement(out, element, length_byte, trailing);
+  return nullptr;
+}
+
 // The element appended to the byte pool.
 void AppendElement(CommonResponseData& out, const VELAInfoElement& element, uint8_t length_byte,
                    const uint8_t* trailing) {
   signed char* at = out.bytes.extend(element.len + (trailing == nullptr ? 2u : 3u));
-  if (at != nullptr) {
-    PutElement(at, element, length_byte, trailing);
-  } else {
-    PushElement(out, element, length_byte, trailing);
-  }
+  PlaceElement(out, at, element, length_byte, trailing);
 }
 
 // What element A or B takes in the byte pool; 0 when absent.
@@ -262,11 +267,7 @@ void MarshalFullBeacon(CommonResponseData& out, const VELAFullBeaconScanMeasurem
     const bool extended = IsExtendedVendorElement(*element);
     const auto length_byte = static_cast<uint8_t>(element->len + (extended ? 1 : 0));
     const uint8_t* trailing = extended ? &beacon_byte : nullptr;
-    if (at != nullptr) {
-      at = PutElement(at, *element, length_byte, trailing);
-    } else {
-      PushElement(out, *element, length_byte, trailing);
-    }
+    at = PlaceElement(out, at, *element, length_byte, trailing);
   }
 
   if (rec != nullptr) {

@@ -1,6 +1,5 @@
 #include "wake_word.h"
 
-#include <errno.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <time.h>
