@@ -97,11 +97,12 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
   // budget allows, unless that is as long as the client's own limit anyway.
   // A call made while serving one of the client's calls holds only a worker
   // that the client keeps busy itself, and the client waits for its result.
-  const Clock::time_point start = Clock::now();
   const bool budgeted = side_ == Side::kServer && depth == 1;
+  Clock::time_point start;
   Clock::time_point give_up = Clock::time_point::max();
   if (budgeted) {
-    const Clock::duration left = WaitBudget::Instance().Left();
+    start = Clock::now();
+    const Clock::duration left = WaitBudget::Instance().Left(start);
     if (left < std::chrono::milliseconds(peer_timeout_ms_)) give_up = start + left;
   }
   const uint64_t bytes = total + sizeof(FrameHeader);
@@ -134,9 +135,10 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
     }
     // A free read side is left to a worker that will take it back after
     // serving, for a moment: its call may be waiting for this one.
-    const Clock::time_point leave_until = Clock::now() + kLeaveToRetaker;
-    while (!waiter.done && !closed_) {
+    Clock::time_point leave_until;
+    for (bool first = true; !waiter.done && !closed_; first = false) {
       const Clock::time_point now = Clock::now();
+      if (first) leave_until = now + kLeaveToRetaker;
       if (now >= waiter.deadline) break;
       const bool leaving = RetakerComingLocked() && now < leave_until;
       if (!reader_busy_ && !leaving) {

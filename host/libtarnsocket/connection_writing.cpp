@@ -46,13 +46,12 @@ int Connection::WriteLocked(std::unique_lock<std::timed_mutex>* lock, iovec* iov
   for (int i = 0; i < count; ++i) all[left++] = iov[i];
   bytes += unsent_.size() + releases.size();
   const uint64_t allowed_ms = peer_timeout_ms_ + bytes / kMinBytesPerMs;
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(allowed_ms);
   const bool holding = reading != nullptr && *reading;
-  int rc = SendAll(fd_, &next, &left, peer_timeout_ms_, deadline, holding, give_up);
+  int rc = SendAll(fd_, &next, &left, peer_timeout_ms_, allowed_ms, holding, give_up);
   if (rc == -EAGAIN) {
     *reading = false;
     GiveUpReadSide();
-    rc = SendAll(fd_, &next, &left, peer_timeout_ms_, deadline, false, give_up);
+    rc = SendAll(fd_, &next, &left, peer_timeout_ms_, allowed_ms, false, give_up);
   }
   std::vector<uint8_t> rest;
   if (rc == -EINPROGRESS) {

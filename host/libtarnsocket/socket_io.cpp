@@ -31,10 +31,14 @@ bool SetShortReceiveWait(int fd) {
   return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
 }
 
-int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, Clock::time_point deadline,
-            bool dont_wait, Clock::time_point give_up) {
+int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, uint64_t frame_ms, bool dont_wait,
+            Clock::time_point give_up) {
   *iov = Advance(*iov, count, 0);
-  Clock::time_point stall = After(stall_ms);
+  // The clock is read only once the socket is full: most frames go out in
+  // one call and need no deadline at all.
+  bool waited = false;
+  bool stalling = false;
+  Clock::time_point deadline, stall;
   while (*count > 0) {
     msghdr msg{};
     msg.msg_iov = *iov;
@@ -42,12 +46,16 @@ int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, Clock::time_poin
     const ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0) {
       *iov = Advance(*iov, count, static_cast<size_t>(sent));
-      stall = After(stall_ms);
+      stalling = false;
       continue;
     }
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
     if (dont_wait) return -EAGAIN;
+    const Clock::time_point now = Clock::now();
+    if (!waited) deadline = now + std::chrono::milliseconds(frame_ms);
+    if (!stalling) stall = now + std::chrono::milliseconds(stall_ms);
+    waited = stalling = true;
     const Clock::time_point until = std::min({stall, deadline, give_up});
     pollfd pfd{fd, POLLOUT, 0};
     const int ready = poll(&pfd, 1, MillisecondsUntil(until));

@@ -20,11 +20,11 @@ bool SetShortReceiveWait(int fd);
 
 // Writes all of *iov, advancing *iov and *count past what was written.
 // Returns 0; -ETIMEDOUT when the peer took no byte for stall_ms; -ETIME
-// when deadline passed first; -EINPROGRESS when give_up passed before
-// either; with dont_wait, -EAGAIN as soon as the socket is full; or another
-// -errno.
-int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, Clock::time_point deadline,
-            bool dont_wait, Clock::time_point give_up = Clock::time_point::max());
+// when the rest took longer than frame_ms from the first time the socket
+// was full; -EINPROGRESS when give_up passed before either; with dont_wait,
+// -EAGAIN as soon as the socket is full; or another -errno.
+int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, uint64_t frame_ms, bool dont_wait,
+            Clock::time_point give_up = Clock::time_point::max());
 
 // Waits until fd is readable, closed or failed, or until `until`; false on
 // timeout.

@@ -47,10 +47,10 @@ void WaitBudget::RefillLocked(Clock::time_point now) {
   if (level_ns_ > capacity) level_ns_ = capacity;
 }
 
-Clock::duration WaitBudget::Left() {
+Clock::duration WaitBudget::Left(Clock::time_point now) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (refill_ms_ == 0) return Clock::duration::max();  // no service configured it
-  RefillLocked(Clock::now());
+  RefillLocked(now);
   if (level_ns_ >= int64_t{capacity_ms_} * kNsPerMs) return Clock::duration::max();
   const int64_t grace = level_ns_ > -kGraceDebtNs ? kGraceNs : 0;
   return std::chrono::nanoseconds(std::max(level_ns_, grace));

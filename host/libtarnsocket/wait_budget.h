@@ -25,11 +25,11 @@ class WaitBudget {
   // Full again, holding up to capacity_ms and refilled by refill_ms a
   // second; the next cut is logged at once.
   void Configure(uint32_t capacity_ms, uint32_t refill_ms);
-  // How long a wait that starts now may take: at least a millisecond's
+  // How long a wait that starts at `now` may take: at least a millisecond's
   // grace unless the budget is deep in debt. A full budget does not limit
   // the wait: a lone offender is waited for up to its own limit, and puts
   // the budget in debt if that is longer.
-  Clock::duration Left();
+  Clock::duration Left(Clock::time_point now);
   // A wait that started at `start` is over; it costs nothing if it was
   // answered within the grace. cut: the budget ended it, not the peer's own
   // limit; logged at most every 10 s.
