@@ -149,6 +149,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void GiveUpReadSideLocked(bool unwatched = false);
   void GiveUpReadSide(bool unwatched = false);
   bool RetakeReadSide();
+  // Takes the read side if nobody holds it and someone must read; true if taken.
+  bool TakeFreeReadSide();
+  bool TakeFreeReadSideLocked();
   bool PendingWaitersLocked() const;
   // Wakes every waiting caller, to look at the read side or its answer.
   void WakeWaitersLocked();

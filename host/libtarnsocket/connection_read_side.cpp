@@ -97,6 +97,15 @@ bool Connection::RetakeReadSide() {
   // receive timeout); work that arrives meanwhile gets a worker of its own.
   std::lock_guard<std::mutex> lock(mutex_);
   --retakers_;
+  return TakeFreeReadSideLocked();
+}
+
+bool Connection::TakeFreeReadSide() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return TakeFreeReadSideLocked();
+}
+
+bool Connection::TakeFreeReadSideLocked() {
   if (closed_ || reader_busy_) return false;
   if (!NeedsWatchLocked() && !PendingWaitersLocked()) return false;
   TakeReadSideLocked();

@@ -69,6 +69,10 @@ bool Connection::Serve(InvokeFrame* frame, bool retake) {
   iovec iov{head, size};
   bool reading = retaken;
   Send(&iov, 1, size, &reading);
+  // A caller may have held the read side, or a writer ahead of us made us
+  // give it up: free again now, it is ours to wait on for the peer's next
+  // call, which then does not go through the monitor.
+  if (retake && !reading) reading = TakeFreeReadSide();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     --serving_;
