@@ -141,12 +141,8 @@ int main(int argc, char** argv) {
     bench::PrintRow(bench::RatioRow(figure + ", one core", bench::FormatNs(event),
                                     bench::FormatNs(base), event / base, 1.3));
   } else {
-    bench::Row row;
-    row.figure = figure;
-    row.value = "not measured";
-    row.met = "NO";
-    bench::PrintRow(row);
-    std::printf("@note %s: %d of %d watchers registered\n", figure.c_str(), registered, kWatchers);
+    bench::PrintNotMeasured(figure, std::to_string(registered) + " of " +
+                                        std::to_string(kWatchers) + " watchers registered");
   }
 
   for (pid_t pid : children) kill(pid, SIGKILL);

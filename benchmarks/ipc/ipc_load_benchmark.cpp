@@ -138,11 +138,7 @@ int main(int argc, char** argv) {
     }
     const std::string who = std::to_string(clients) + " client processes";
     if (!ok) {
-      bench::Row row;
-      row.figure = "calls per second, " + who;
-      row.value = "not measured";
-      row.met = "NO";
-      bench::PrintRow(row);
+      bench::PrintNotMeasured("calls per second, " + who, "not every caller connected and called");
       continue;
     }
     // Both sides swing between repetitions by how the scheduler happens to

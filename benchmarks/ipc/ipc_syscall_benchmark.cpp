@@ -109,12 +109,8 @@ int main(int argc, char** argv) {
   const std::map<std::string, double> raw = PerCall("raw", shorter, longer);
   const std::map<std::string, double> library = PerCall("library", shorter, longer);
   if (raw.empty() || library.empty()) {
-    bench::Row row;
-    row.figure = "system calls per small call";
-    row.value = "not measured";
-    row.met = "NO";
-    bench::PrintRow(row);
-    std::printf("@note system calls: strace did not run (scripts/install-deps.sh installs it)\n");
+    bench::PrintNotMeasured("system calls per small call",
+                            "strace did not run (scripts/install-deps.sh installs it)");
     return 0;
   }
   bench::Row row = bench::LimitRow("system calls per small call",

@@ -15,12 +15,10 @@
 #include <vector>
 
 #include "benchmarks/support/bench_support.h"
+#include "benchmarks/support/held_scans.h"
 #include "benchmarks/support/neighbourhood_text.h"
 #include "ky_loc_fw/log.h"
-#include "ky_loc_fw/vela_client.h"
-#include "ky_loc_fw/vela_request.h"
 #include "ky_loc_fw/vela_response.h"
-#include "ky_loc_fw/vela_test_control.h"
 #include "scan/marshal.h"
 #include "scan/pool_sizing.h"
 #include "scan/result_delivery.h"
@@ -34,26 +32,9 @@ using Response = ky_loc_fw::VELADiscoveryScanResponse;
 // A fresh scan of a neighbourhood of `beacons` access points, answered by
 // the simulated service and taken before delivery; null if none came.
 std::unique_ptr<Response> MakeResponse(size_t beacons) {
-  namespace vt = ky_loc_fw::vela_test;
-  using ky_loc_fw::VELAClient;
-  using Request = ky_loc_fw::VELADiscoveryScanRequest;
-  static struct : ky_loc_fw::VELAClientListener {
-    void responseReceived(ky_loc_fw::VELAResponse*) override {}
-  } nobody;  // nothing is delivered
-  const std::string scenario = bench::NeighbourhoodText(beacons);
-  vt::SetScenarioText(scenario.c_str());
-  std::unique_ptr<VELAClient> client(
-      VELAClient::createInstance(&nobody, false, VELAClient::LOG_LEVEL_ERROR));
-  vt::SetScenarioText(nullptr);
-  vt::HoldAnswers(true);
-  std::unique_ptr<Request> request(
-      Request::createFreshScanRequest(1, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE, 0, 10000,
-                                      Request::REQUEST_MODE_NORMAL, true));
+  bench::HeldScans service(bench::NeighbourhoodText(beacons));
   std::vector<std::unique_ptr<ky_loc_fw::VELAResponse>> answers;
-  if (client != nullptr && client->sendRequest(request.get()) == 0) {
-    answers = vt::TakeHeldAnswers();
-  }
-  vt::Reset();
+  if (service.Send() >= 0) answers = service.Take();
   if (answers.size() != 1 || answers[0] == nullptr ||
       answers[0]->getResponseType() != ky_loc_fw::VELAResponse::RESPONSE_TYPE_DISCOVERY_SCAN) {
     return nullptr;
@@ -172,12 +153,7 @@ bool Compare(size_t beacons, int rounds) {
   if (beacons >= 1000) figure = "marshal " + std::to_string(beacons / 1000) + ",000 beacons";
   auto response = MakeResponse(beacons);
   if (response == nullptr) {
-    bench::Row row;
-    row.figure = figure;
-    row.value = "not measured";
-    row.met = "NO";
-    bench::PrintRow(row);
-    std::printf("@note %s: the simulated service built no response of that size\n", figure.c_str());
+    bench::PrintNotMeasured(figure, "the simulated service built no response of that size");
     return false;
   }
   Copier copier(*response);

@@ -25,11 +25,9 @@
 
 #include "benchmarks/scan/scan_client.h"
 #include "benchmarks/support/bench_support.h"
+#include "benchmarks/support/held_scans.h"
 #include "benchmarks/support/neighbourhood_text.h"
 #include "ky_loc_fw/log.h"
-#include "ky_loc_fw/vela_client.h"
-#include "ky_loc_fw/vela_request.h"
-#include "ky_loc_fw/vela_test_control.h"
 #include "scan/scan_heap.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/temp_dir.h"
@@ -116,44 +114,15 @@ int64_t OwnContextSwitches() {
 
 // The simulated service's own part of a scan, measured in this process on
 // the same scenario: sendRequest, which copies the request and builds the
-// response. Deleting the response comes after the delivery, outside the
-// scan's time; it is timed too, to be shown.
-class ServiceClock {
- public:
-  explicit ServiceClock(const std::string& scenario) {
-    ky_loc_fw::vela_test::SetScenarioText(scenario.c_str());
-    client_.reset(ky_loc_fw::VELAClient::createInstance(&listener_, false,
-                                                        ky_loc_fw::VELAClient::LOG_LEVEL_ERROR));
-    ky_loc_fw::vela_test::SetScenarioText(nullptr);
-    Once();  // the first request reads the neighbourhood's frames
-  }
-  ~ServiceClock() { ky_loc_fw::vela_test::Reset(); }
-
-  // ns to build one answer, or -1; *delete_ns the time to delete it.
-  double Once(double* delete_ns = nullptr) {
-    namespace vt = ky_loc_fw::vela_test;
-    using Request = ky_loc_fw::VELADiscoveryScanRequest;
-    if (!client_) return -1;
-    vt::Reset();
-    vt::HoldAnswers(true);  // built and kept, never delivered
-    std::unique_ptr<Request> request(
-        Request::createFreshScanRequest(++id_, Request::BAND_ALL, Request::SCAN_TYPE_ACTIVE, 0,
-                                        10000, Request::REQUEST_MODE_NORMAL, true));
-    const double start = NowNs();
-    if (client_->sendRequest(request.get()) != 0) return -1;
-    const double built = NowNs();
-    vt::Reset();  // deletes the answer held
-    if (delete_ns != nullptr) *delete_ns = NowNs() - built;
-    return built - start;
-  }
-
- private:
-  struct NullListener : ky_loc_fw::VELAClientListener {
-    void responseReceived(ky_loc_fw::VELAResponse*) override {}
-  } listener_;
-  std::unique_ptr<ky_loc_fw::VELAClient> client_;
-  unsigned id_ = 0;
-};
+// response; -1 if it failed. Deleting the response comes after the delivery,
+// outside the scan's time; it is timed too (*delete_ns), to be shown.
+double TimeService(bench::HeldScans& service, double* delete_ns) {
+  const double build_ns = service.Send();
+  const double built = NowNs();
+  service.Drop();
+  *delete_ns = NowNs() - built;
+  return build_ns;
+}
 
 struct Plan {
   size_t aps;
@@ -195,15 +164,6 @@ std::string Errors(const std::string& log) {
   return errors.empty() ? "nothing logged" : errors;
 }
 
-void Fail(const std::string& figure, const std::string& why) {
-  bench::Row row;
-  row.figure = figure;
-  row.value = "not measured";
-  row.met = "NO";
-  bench::PrintRow(row);
-  std::printf("@note %s: %s\n", figure.c_str(), why.c_str());
-}
-
 // Scans until `total` scans have run; false when one fails.
 bool ScanUntil(bench::ScanClient* client, long* done, long total) {
   for (; *done < total; ++*done) {
@@ -222,9 +182,11 @@ void MeasureMemory(bench::ScanClient* client, pid_t daemon, long done, bool quic
     usleep(1500 * 1000);
     return bench::ReadCounters(daemon).resident_kb;
   };
-  if (!ScanUntil(client, &done, first)) return Fail("daemon RSS", "a scan failed");
+  if (!ScanUntil(client, &done, first))
+    return bench::PrintNotMeasured("daemon RSS", "a scan failed");
   const int64_t rss_first = resident_at_rest();
-  if (!ScanUntil(client, &done, second)) return Fail("daemon RSS", "a scan failed");
+  if (!ScanUntil(client, &done, second))
+    return bench::PrintNotMeasured("daemon RSS", "a scan failed");
   const int64_t rss_second = resident_at_rest();
   std::printf("@note %ld scans of 21 APs took %.1f s in all\n", second, (NowNs() - start) / 1e9);
   bench::Row after_first;
@@ -257,7 +219,8 @@ void Measure(const Plan& plan, bool quick) {
   const std::string scenario = bench::NeighbourhoodText(plan.aps);
   Daemon daemon(scenario);
   if (!daemon.serving) {
-    return Fail("scan " + label, "the daemon did not serve: " + Errors(daemon.process->Log()));
+    return bench::PrintNotMeasured("scan " + label,
+                                   "the daemon did not serve: " + Errors(daemon.process->Log()));
   }
   const pid_t daemon_pid = daemon.process->pid();
   const int64_t idle_kb = bench::ReadCounters(daemon_pid).resident_kb;
@@ -269,23 +232,27 @@ void Measure(const Plan& plan, bool quick) {
   }
   bench::ScanClient client(daemon.process->socket_path());
   if (!client.ok() || client.Scan() < 0) {
-    return Fail("scan " + label, "no results: " + Errors(daemon.process->Log()));
+    return bench::PrintNotMeasured("scan " + label, "no results: " + Errors(daemon.process->Log()));
   }
   long scans = 1;
   if (client.records() != plan.aps) {
     std::printf("@note scan %s: %zu records delivered\n", label.c_str(), client.records());
   }
   RawPeer raw(client.RequestBytes(), client.result_bytes());
-  if (!raw.ok() || raw.RoundTrip() < 0) return Fail("scan " + label, "no raw peer");
+  if (!raw.ok() || raw.RoundTrip() < 0)
+    return bench::PrintNotMeasured("scan " + label, "no raw peer");
 
   // The service's own time too, in the same rounds.
-  auto service_clock = std::make_unique<ServiceClock>(scenario);
+  auto held = std::make_unique<bench::HeldScans>(scenario);
+  double ignored;
+  TimeService(*held, &ignored);  // the first request reads the neighbourhood's frames
   std::vector<double> scan_ns, raw_ns, service_ns, delete_ns;
   for (int r = 0; r < plan.repetitions; ++r) {
     for (int i = 0; i < plan.per_repetition; ++i) {
       const double raw_time = raw.RoundTrip();
       const double scan_time = client.Scan();
-      if (raw_time < 0 || scan_time < 0) return Fail("scan " + label, "a scan failed");
+      if (raw_time < 0 || scan_time < 0)
+        return bench::PrintNotMeasured("scan " + label, "a scan failed");
       raw_ns.push_back(raw_time);
       scan_ns.push_back(scan_time);
       ++scans;
@@ -297,11 +264,12 @@ void Measure(const Plan& plan, bool quick) {
       bench::WaitQuiet(daemon_pid, plan.aps >= 1000 ? 500e3 : 0);
       bench::WaitQuiet(getpid());
       delete_ns.emplace_back();
-      service_ns.push_back(service_clock->Once(&delete_ns.back()));
-      if (service_ns.back() < 0) return Fail("scan " + label, "the service did not answer here");
+      service_ns.push_back(TimeService(*held, &delete_ns.back()));
+      if (service_ns.back() < 0)
+        return bench::PrintNotMeasured("scan " + label, "the service did not answer here");
     }
   }
-  service_clock.reset();
+  held.reset();
 
   // Counted apart from the timing, each side on its own, over at least 60
   // scans and after as many in the same back-to-back rhythm: there one
@@ -310,14 +278,14 @@ void Measure(const Plan& plan, bool quick) {
   // it still grows once more, a one-off that fewer scans would overstate).
   const int counted = std::max(plan.per_repetition, 60);
   for (int i = 0; i < counted; ++i, ++scans) {
-    if (client.Scan() < 0) return Fail("scan " + label, "a scan failed");
+    if (client.Scan() < 0) return bench::PrintNotMeasured("scan " + label, "a scan failed");
   }
   const bench::ProcessCounters daemon_before = bench::ReadCounters(daemon_pid);
   const auto daemon_threads_before = bench::ThreadSwitches(daemon_pid);
   const auto own_threads_before = bench::ThreadSwitches(getpid());
   int64_t own_before = OwnContextSwitches();
   for (int i = 0; i < counted; ++i, ++scans) {
-    if (client.Scan() < 0) return Fail("scan " + label, "a scan failed");
+    if (client.Scan() < 0) return bench::PrintNotMeasured("scan " + label, "a scan failed");
   }
   const bench::ProcessCounters daemon_after = bench::ReadCounters(daemon_pid);
   std::printf(

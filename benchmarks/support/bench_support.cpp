@@ -259,4 +259,13 @@ Row LimitRow(const std::string& figure, const std::string& value, double number,
   return row;
 }
 
+void PrintNotMeasured(const std::string& figure, const std::string& why) {
+  Row row;
+  row.figure = figure;
+  row.value = "not measured";
+  row.met = "NO";
+  PrintRow(row);
+  std::printf("@note %s: %s\n", figure.c_str(), why.c_str());
+}
+
 }  // namespace bench

@@ -79,6 +79,9 @@ Row RatioRow(const std::string& figure, const std::string& value, const std::str
              double ratio, double bound, bool at_least = false);
 // A figure against an absolute bound ("<= 50").
 Row LimitRow(const std::string& figure, const std::string& value, double number, double limit);
+// A figure the program could not measure: a row that misses its goal, and a
+// note that says why.
+void PrintNotMeasured(const std::string& figure, const std::string& why);
 
 }  // namespace bench
 
