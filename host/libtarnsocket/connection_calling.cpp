@@ -3,6 +3,7 @@
 #include <errno.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "connection.h"
 #include "endpoint.h"
@@ -135,12 +136,12 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
     }
     // A free read side is left to a worker that will take it back after
     // serving, for a moment: its call may be waiting for this one.
-    Clock::time_point leave_until;
-    for (bool first = true; !waiter.done && !closed_; first = false) {
+    std::optional<Clock::time_point> leave_until;
+    while (!waiter.done && !closed_) {
       const Clock::time_point now = Clock::now();
-      if (first) leave_until = now + kLeaveToRetaker;
+      if (!leave_until) leave_until = now + kLeaveToRetaker;
       if (now >= waiter.deadline) break;
-      const bool leaving = RetakerComingLocked() && now < leave_until;
+      const bool leaving = RetakerComingLocked() && now < *leave_until;
       if (!reader_busy_ && !leaving) {
         TakeReadSideLocked();
         lock.unlock();
@@ -150,7 +151,7 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
       }
       const uint32_t seen = waiter.wake.Seen();
       lock.unlock();
-      waiter.wake.Sleep(seen, leaving ? std::min(leave_until, waiter.deadline) : waiter.deadline);
+      waiter.wake.Sleep(seen, leaving ? std::min(*leave_until, waiter.deadline) : waiter.deadline);
       lock.lock();
     }
   }

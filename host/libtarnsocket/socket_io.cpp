@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <optional>
 
 namespace tarnsocket {
 namespace {
@@ -36,9 +37,7 @@ int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, uint64_t frame_m
   *iov = Advance(*iov, count, 0);
   // The clock is read only once the socket is full: most frames go out in
   // one call and need no deadline at all.
-  bool waited = false;
-  bool stalling = false;
-  Clock::time_point deadline, stall;
+  std::optional<Clock::time_point> deadline, stall;
   while (*count > 0) {
     msghdr msg{};
     msg.msg_iov = *iov;
@@ -46,22 +45,21 @@ int SendAll(int fd, iovec** iov, int* count, uint32_t stall_ms, uint64_t frame_m
     const ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0) {
       *iov = Advance(*iov, count, static_cast<size_t>(sent));
-      stalling = false;
+      stall.reset();
       continue;
     }
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
     if (dont_wait) return -EAGAIN;
     const Clock::time_point now = Clock::now();
-    if (!waited) deadline = now + std::chrono::milliseconds(frame_ms);
-    if (!stalling) stall = now + std::chrono::milliseconds(stall_ms);
-    waited = stalling = true;
-    const Clock::time_point until = std::min({stall, deadline, give_up});
+    if (!deadline) deadline = now + std::chrono::milliseconds(frame_ms);
+    if (!stall) stall = now + std::chrono::milliseconds(stall_ms);
+    const Clock::time_point until = std::min({*stall, *deadline, give_up});
     pollfd pfd{fd, POLLOUT, 0};
     const int ready = poll(&pfd, 1, MillisecondsUntil(until));
     if (ready < 0 && errno != EINTR) return -errno;
     if (ready == 0 && Clock::now() >= until) {
-      return until == give_up ? -EINPROGRESS : until == stall ? -ETIMEDOUT : -ETIME;
+      return until == give_up ? -EINPROGRESS : until == *stall ? -ETIMEDOUT : -ETIME;
     }
   }
   return 0;
