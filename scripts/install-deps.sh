@@ -30,10 +30,16 @@ foreign=$(dpkg --print-foreign-architectures)
 for arch in "${cross_arches[@]}"; do
   grep -qx "$arch" <<<"$foreign" || $sudo dpkg --add-architecture "$arch"
 done
-# A mirror in the middle of a sync fails an update now and then.
+# A mirror in the middle of a sync fails an update now and then, often for
+# one index the packages here do not need (one architecture of the security
+# suite, say). After the retries the install goes ahead on the indexes that
+# did arrive; it fails by itself if a package is really out of reach.
 for attempt in 1 2 3; do
   $sudo apt-get update -q && break
-  [ $attempt -eq 3 ] && exit 1
+  if [ $attempt -eq 3 ]; then
+    echo "install-deps: apt-get update kept failing; installing from the indexes it has" >&2
+    break
+  fi
   sleep 20
 done
 $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
