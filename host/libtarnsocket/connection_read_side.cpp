@@ -79,10 +79,10 @@ void Connection::GiveUpReadSideLocked(bool unwatched) {
   // A frame left half read is the monitor's to time out.
   if (reader_.InFrame()) endpoint_->WantSweep();
   if (unwatched) {
-    endpoint_->NoteActivity();
-    unwatched_since_ns_.store(Nanoseconds(Clock::now()));
+    const int64_t now = Nanoseconds(Clock::now());
+    unwatched_since_ns_.store(now);
     // The monitor looks at unwatched sockets only while it ticks.
-    if (endpoint_->Ticking()) return;
+    if (endpoint_->NoteCall(now)) return;
   }
   ArmLocked();
 }

@@ -54,10 +54,11 @@ class Endpoint {
   SlowPeers& slow_peers() { return slow_peers_; }
 
   // Whether the monitor is looking at its connections every few
-  // milliseconds, as it does while calls come in.
+  // milliseconds, as it does while calls come in fast.
   bool Ticking() const { return ticking_.load(); }
-  // A call came in: the monitor ticks for a while.
-  void NoteActivity() { activity_.fetch_add(1, std::memory_order_relaxed); }
+  // A worker is about to serve a call it read (at now_ns on the library's
+  // clock). Calls that come in fast start the tick; true if it runs.
+  bool NoteCall(int64_t now_ns);
   // Something needs the monitor's regular look (a frame half read, buffers
   // kept for reuse): wakes it if it sleeps with nothing to look at.
   void WantSweep();
@@ -71,6 +72,8 @@ class Endpoint {
   int NextWait();
   // The regular look at every connection, the accept pause and the pool.
   void Sweep();
+  // Takes note of calls served since the monitor last looked.
+  void SeeCalls(std::chrono::steady_clock::time_point now);
   // False when accept failed for good.
   bool AcceptAll();
   void PauseAccepting(int error);
@@ -87,9 +90,15 @@ class Endpoint {
   // The monitor's own state.
   std::atomic<bool> ticking_{false};
   std::atomic<bool> sleeping_{false};  // waiting for events with no time limit
-  std::atomic<uint64_t> activity_{0};  // calls come in; unchanged while idle
-  uint64_t seen_activity_ = 0;
-  std::chrono::steady_clock::time_point last_activity_;
+  std::atomic<uint64_t> calls_{0};     // served calls that workers read
+  // While not ticking: the calls since window_start_ns_.
+  std::atomic<int64_t> window_start_ns_{0};
+  std::atomic<uint32_t> window_calls_{0};
+  uint64_t seen_calls_ = 0;
+  std::chrono::steady_clock::time_point last_call_;  // as the monitor saw it
+  // The tick period being counted (empty while not ticking) and calls_ then.
+  std::chrono::steady_clock::time_point tick_start_;
+  uint64_t tick_start_calls_ = 0;
   bool partial_frames_ = false;
   bool accept_paused_ = false;
   std::chrono::steady_clock::time_point accept_resume_;

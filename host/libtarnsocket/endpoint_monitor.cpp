@@ -8,11 +8,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <vector>
 
 #include "buffer_pool.h"
+#include "clock.h"
 #include "connection.h"
 #include "endpoint.h"
 #include "log.h"
@@ -23,12 +25,19 @@ namespace {
 // While the descriptor limit is reached, new connections wait in the
 // backlog this long between tries.
 constexpr std::chrono::milliseconds kAcceptPause{100};
-// The monitor ticks every kTick while calls come in (and for kActiveFor
-// after), else looks every kSlowTick while anything needs a look, else
-// sleeps until an event.
+// The monitor ticks every kTick while calls come in fast, else looks every
+// kSlowTick while anything needs a look, else sleeps until an event.
 constexpr std::chrono::milliseconds kTick = kUnwatchedGrace;
 constexpr std::chrono::milliseconds kSlowTick{100};
-constexpr std::chrono::seconds kActiveFor{1};
+// Ticking lets a served call leave its socket unwatched, saving the two
+// epoll_ctl calls around it; a wake-up every tick costs more than that unless
+// calls come in fast. The tick starts once kBusyCalls come within one tick,
+// and stops after a tick that saw fewer than kStillBusyCalls: a process that
+// takes a call now and then never ticks.
+constexpr uint32_t kBusyCalls = 4;
+constexpr uint64_t kStillBusyCalls = 2;
+// Heap memory freed by served calls goes back once calls stop this long.
+constexpr std::chrono::seconds kIdleFor{1};
 
 bool TransientAcceptError(int error) {
   switch (error) {
@@ -106,6 +115,7 @@ void Endpoint::WantSweep() {
 
 void Endpoint::Sweep() {
   const auto now = std::chrono::steady_clock::now();
+  SeeCalls(now);
   std::vector<std::shared_ptr<Connection>> all;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -124,7 +134,7 @@ void Endpoint::Sweep() {
     epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd_, &listen);
   }
   const bool kept = BufferPool::Instance().Trim(now);
-  if (trim_heap_ && !kept && !ticking) {
+  if (trim_heap_ && !kept && !ticking && now - last_call_ >= kIdleFor) {
     // Memory that served calls freed stays in the allocator's per-thread
     // heaps, resident, until given back; once idle, give it back.
 #ifdef __GLIBC__
@@ -134,27 +144,67 @@ void Endpoint::Sweep() {
   }
 }
 
-int Endpoint::NextWait() {
-  const auto now = std::chrono::steady_clock::now();
-  const uint64_t activity = activity_.load(std::memory_order_relaxed);
-  if (activity != seen_activity_) {
-    seen_activity_ = activity;
-    last_activity_ = now;
+bool Endpoint::NoteCall(int64_t now_ns) {
+  calls_.fetch_add(1, std::memory_order_relaxed);
+  if (ticking_.load()) return true;
+  // Workers race on the window; a call miscounted now and then only moves
+  // the start a little.
+  if (now_ns - window_start_ns_.load(std::memory_order_relaxed) >=
+      std::chrono::nanoseconds(kTick).count()) {
+    window_start_ns_.store(now_ns, std::memory_order_relaxed);
+    window_calls_.store(1, std::memory_order_relaxed);
+    return false;
+  }
+  if (window_calls_.fetch_add(1, std::memory_order_relaxed) + 1 < kBusyCalls) return false;
+  if (!ticking_.exchange(true)) {
+    // However long the monitor meant to wait, it takes up the tick now.
+    const uint64_t one = 1;
+    ssize_t ignored = write(wake_fd_, &one, sizeof one);
+    (void)ignored;
+  }
+  return true;
+}
+
+void Endpoint::SeeCalls(std::chrono::steady_clock::time_point now) {
+  // Workers serve calls while the monitor sleeps: it learns of them here.
+  const uint64_t calls = calls_.load(std::memory_order_relaxed);
+  if (calls != seen_calls_) {
+    seen_calls_ = calls;
+    last_call_ = now;
     trim_heap_ = true;
   }
-  if (now - last_activity_ < kActiveFor) {
-    ticking_.store(true);
-    return static_cast<int>(kTick.count());
-  }
+}
+
+int Endpoint::NextWait() {
+  const auto now = std::chrono::steady_clock::now();
+  SeeCalls(now);
+  const uint64_t calls = seen_calls_;
   if (ticking_.load()) {
-    // Unwatched sockets are armed now: nobody looks at them any more.
-    ticking_.store(false);
-    Sweep();
+    if (tick_start_ == std::chrono::steady_clock::time_point()) {
+      // A worker started the tick.
+      tick_start_ = now;
+      tick_start_calls_ = calls;
+    } else if (now - tick_start_ >= kTick) {
+      const bool busy = calls - tick_start_calls_ >= kStillBusyCalls;
+      tick_start_ = now;
+      tick_start_calls_ = calls;
+      if (!busy) {
+        // Unwatched sockets are armed now: nobody looks at them any more.
+        tick_start_ = std::chrono::steady_clock::time_point();
+        ticking_.store(false);
+        Sweep();
+      }
+    }
+    if (ticking_.load()) return static_cast<int>(kTick.count());
   }
   const auto reasons = [this] {
-    return partial_frames_ || accept_paused_ || trim_heap_ || BufferPool::Instance().kept() > 0;
+    return partial_frames_ || accept_paused_ || BufferPool::Instance().kept() > 0;
   };
   if (reasons()) return static_cast<int>(kSlowTick.count());
+  // The heap is trimmed once calls have stopped for kIdleFor.
+  if (trim_heap_) {
+    return std::max(MillisecondsUntil(last_call_ + kIdleFor), static_cast<int>(kSlowTick.count()));
+  }
   sleeping_.store(true);
   // A look after sleeping_ is set: what changed before is seen here, what
   // changes after wakes the monitor.
@@ -169,7 +219,7 @@ int Endpoint::NextWait() {
 void Endpoint::MonitorLoop() {
   bool running = true;
   auto last_sweep = std::chrono::steady_clock::now();
-  last_activity_ = last_sweep - kActiveFor;
+  last_call_ = last_sweep - kIdleFor;
   while (running) {
     epoll_event events[32];
     const int n = epoll_wait(epoll_fd_, events, 32, NextWait());
@@ -206,7 +256,6 @@ void Endpoint::MonitorLoop() {
           if (it != connections_.end()) connection = it->second;
         }
         if (connection != nullptr && connection->ReadForMonitor()) {
-          NoteActivity();
           Dispatch([connection] { connection->ServeAsReader(); });
         }
       }

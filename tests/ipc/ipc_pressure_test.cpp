@@ -196,15 +196,34 @@ TEST(IpcPressureTest, KeptBuffersStayWithinTheirLimitAndGoWhenIdle) {
   EXPECT_EQ(pool.kept(), 0u);
 }
 
+// Runs fn(status file) for each thread of this process named `name`.
+template <typename Fn>
+void ForEachThread(const std::string& name, Fn fn) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path() / "comm");
+    std::string line;
+    std::getline(comm, line);
+    if (line != name) continue;
+    std::ifstream status(task.path() / "status");
+    fn(status);
+  }
+}
+
 // Threads of the library's worker pools in this process.
 size_t Workers() {
   size_t n = 0;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream comm(task.path() / "comm");
-    std::string name;
-    std::getline(comm, name);
-    n += name == "tarn:worker" ? 1 : 0;
-  }
+  ForEachThread("tarn:worker", [&n](std::istream&) { ++n; });
+  return n;
+}
+
+// How often the library's monitors in this process have gone to sleep.
+uint64_t MonitorSleeps() {
+  uint64_t n = 0;
+  ForEachThread("tarn:monitor", [&n](std::istream& status) {
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("voluntary_ctxt_switches:", 0) == 0) n += std::stoull(line.substr(24));
+    }
+  });
   return n;
 }
 
@@ -230,6 +249,23 @@ TEST(IpcPressureTest, WorkersOfABurstGoOnceIdle) {
   EXPECT_LE(Workers(), 2u);
   EXPECT_EQ(Store(roots[0], kNullObject), 0);
   for (Object root : roots) ObjectRelease(root);
+}
+
+// A client that calls now and then does not keep the service's monitor
+// waking every few milliseconds: it sleeps until a call needs it.
+TEST(IpcPressureTest, CallsNowAndThenLeaveTheMonitorAsleep) {
+  constexpr uint64_t kCalls = 10;
+  Served served;
+  const Object root = served.Connect();
+  EXPECT_EQ(Store(root, kNullObject), 0);
+  const uint64_t before = MonitorSleeps();
+  for (uint64_t i = 0; i < kCalls; ++i) {
+    std::this_thread::sleep_for(milliseconds(25));  // longer than a worker lingers
+    EXPECT_EQ(Store(root, kNullObject), 0);
+  }
+  // About one wake-up a call; ticking every 5 ms would add some 50.
+  EXPECT_LT(MonitorSleeps() - before, 2 * kCalls);
+  ObjectRelease(root);
 }
 
 // Out of descriptors, the service stops accepting for a while instead of

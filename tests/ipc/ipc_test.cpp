@@ -133,10 +133,16 @@ TEST(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
 // none coming it still goes, at the monitor's next tick.
 TEST(IpcObjectsTest, ReleaseWithNothingToRideOnStillGoes) {
   Served served;
-  const int fd =
-      served.RawConnect(Frame({8, kFrameInvoke, 1, {}, 1, 0, kOpStore, OBJECT_COUNTS(0, 0, 1, 0)},
-                              {Raw(ObjectRef{kRefSenderExport, 5})}));
-  EXPECT_EQ(ReadFrame(fd).type, kFrameReply);
+  // Calls in a burst make the service busy (its monitor ticks).
+  constexpr uint32_t kBurst = 8;
+  Bytes calls;
+  for (uint32_t id = 1; id <= kBurst; ++id) {
+    calls = Cat({calls, Frame({0, kFrameInvoke, 1, {}, id, 0, kOpChecksum, 0})});
+  }
+  const int fd = served.RawConnect(Cat(
+      {calls, Frame({8, kFrameInvoke, 1, {}, kBurst + 1, 0, kOpStore, OBJECT_COUNTS(0, 0, 1, 0)},
+                    {Raw(ObjectRef{kRefSenderExport, 5})})}));
+  for (uint32_t i = 0; i <= kBurst; ++i) EXPECT_EQ(ReadFrame(fd).type, kFrameReply);
   Object stored = kNullObject;
   {
     std::lock_guard<std::mutex> lock(served.mutex);
