@@ -8,13 +8,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <vector>
 
 #include "buffer_pool.h"
-#include "clock.h"
 #include "connection.h"
 #include "endpoint.h"
 #include "log.h"
@@ -197,14 +195,11 @@ int Endpoint::NextWait() {
     }
     if (ticking_.load()) return static_cast<int>(kTick.count());
   }
+  // The heap's trim waits for calls to stop for kIdleFor (see Sweep).
   const auto reasons = [this] {
-    return partial_frames_ || accept_paused_ || BufferPool::Instance().kept() > 0;
+    return partial_frames_ || accept_paused_ || trim_heap_ || BufferPool::Instance().kept() > 0;
   };
   if (reasons()) return static_cast<int>(kSlowTick.count());
-  // The heap is trimmed once calls have stopped for kIdleFor.
-  if (trim_heap_) {
-    return std::max(MillisecondsUntil(last_call_ + kIdleFor), static_cast<int>(kSlowTick.count()));
-  }
   sleeping_.store(true);
   // A look after sleeping_ is set: what changed before is seen here, what
   // changes after wakes the monitor.
