@@ -1,9 +1,9 @@
 // One client cannot hold up the others: clients whose callbacks answer
 // late, never answer or never read, and a process out of descriptors, each
-// against a bystander that keeps being served; and buffers kept for reuse
-// and the workers of a burst stay bounded. Bounds are
-// generous: they separate a bounded delay from the unbounded waits these
-// peers used to cause.
+// against a bystander that keeps being served; buffers kept for reuse and
+// the workers of a burst stay bounded, and a service called now and then
+// lets its monitor sleep. Bounds are generous: they separate a bounded
+// delay from the unbounded waits these peers used to cause.
 #include <sys/resource.h>
 #include <sys/socket.h>
 
