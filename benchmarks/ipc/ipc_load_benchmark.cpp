@@ -130,13 +130,12 @@ int main(int argc, char** argv) {
     bool ok = true;
     for (int r = 0; r < repetitions && ok; ++r) {
       Phase with_raw, with_library;
-      if (r % 2 == 0) {
-        ok = Run(raw, false, clients, seconds, &with_raw) &&
-             Run(library, true, clients, seconds, &with_library);
-      } else {
-        ok = Run(library, true, clients, seconds, &with_library) &&
-             Run(raw, false, clients, seconds, &with_raw);
-      }
+      const auto phase = [&](bool through_library) {
+        return through_library ? Run(library, true, clients, seconds, &with_library)
+                               : Run(raw, false, clients, seconds, &with_raw);
+      };
+      const bool library_first = r % 2 == 1;
+      ok = phase(library_first) && phase(!library_first);
       raw_rate.push_back(with_raw.calls_per_second);
       library_rate.push_back(with_library.calls_per_second);
       raw_p99.push_back(with_raw.p99_ns);

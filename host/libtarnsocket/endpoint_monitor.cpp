@@ -183,10 +183,10 @@ int Endpoint::NextWait() {
       tick_start_ = now;
       tick_start_calls_ = calls;
     } else if (now - tick_start_ >= kTick) {
-      const bool busy = calls - tick_start_calls_ >= kStillBusyCalls;
-      tick_start_ = now;
-      tick_start_calls_ = calls;
-      if (!busy) {
+      if (calls - tick_start_calls_ >= kStillBusyCalls) {
+        tick_start_ = now;
+        tick_start_calls_ = calls;
+      } else {
         // Unwatched sockets are armed now: nobody looks at them any more.
         tick_start_ = std::chrono::steady_clock::time_point();
         ticking_.store(false);
