@@ -15,6 +15,12 @@ std::shared_ptr<DeliveryQueue> DeliveryQueue::Start(VELAClientListener* listener
   try {
     queue->thread_ = std::thread([keep = queue] {
       pthread_setname_np(pthread_self(), "vela:delivery");  // for ps -T and profiles
+      // Woken, it lets the running thread go on instead of preempting it: an
+      // answer due at once then comes after the sendRequest that made it, as
+      // a real service's would, not while the caller may still hold the lock
+      // that responseReceived takes.
+      sched_param batch{};
+      pthread_setschedparam(pthread_self(), SCHED_BATCH, &batch);
       keep->Run();
     });
   } catch (const std::system_error& e) {
