@@ -49,9 +49,11 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
                limits_.max_call_depth);
     return TARN_IPC_ERROR_TOO_DEEP;
   }
+  bool defer;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return TARN_IPC_ERROR_DEAD;
+    defer = probation_;
   }
   ObjectRef refs[kMaxSlots];
   for (unsigned i = 0; i < in_objs; ++i) {
@@ -59,11 +61,6 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
       for (unsigned j = 0; j < i; ++j) Unmarshal(refs[j]);
       return TARN_IPC_ERROR_TOO_MANY_OBJECTS;
     }
-  }
-  bool defer;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    defer = probation_;
   }
   if (defer) {
     for (unsigned i = 0; i < out_objs; ++i) args[in_bufs + in_objs + i].o = kNullObject;

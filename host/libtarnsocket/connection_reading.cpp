@@ -36,7 +36,7 @@ void Connection::ReadLoop(Waiter* self) {
     }
     const FrameHeader header = reader_.header();
     if (header.type == kFrameInvoke) {
-      std::shared_ptr<InvokeFrame> frame = reader_.TakeInvoke();
+      std::unique_ptr<InvokeFrame> frame = reader_.TakeInvoke();
       reader_.Next();
       bool reading = true;
       const Accepted accepted = Accept(frame.get(), &reading);
@@ -48,7 +48,8 @@ void Connection::ReadLoop(Waiter* self) {
         // A waiting caller stays on the read side for its answer; the call
         // goes to a worker.
         std::shared_ptr<Connection> keep = shared_from_this();
-        endpoint_->Dispatch([keep, frame] { keep->ServeHandedOver(frame.get()); });
+        std::shared_ptr<InvokeFrame> handed = std::move(frame);
+        endpoint_->Dispatch([keep, handed] { keep->ServeHandedOver(handed.get()); });
         continue;
       }
       HandleAnswersBehind();
