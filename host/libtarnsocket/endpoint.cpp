@@ -63,9 +63,7 @@ void Endpoint::Stop() {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
   }
-  const uint64_t one = 1;
-  ssize_t ignored = write(wake_fd_, &one, sizeof one);
-  (void)ignored;
+  WakeMonitor();
 }
 
 void Endpoint::Join() {

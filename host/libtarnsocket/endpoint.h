@@ -68,6 +68,8 @@ class Endpoint {
   static constexpr uint64_t kListenId = 2;
 
   void MonitorLoop();
+  // Ends the monitor's current wait (its eventfd).
+  void WakeMonitor();
   // How long the monitor may wait for events: -1 for ever.
   int NextWait();
   // The regular look at every connection, the accept pause and the pool.

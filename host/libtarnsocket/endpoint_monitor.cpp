@@ -103,12 +103,14 @@ void Endpoint::PauseAccepting(int error) {
   }
 }
 
+void Endpoint::WakeMonitor() {
+  const uint64_t one = 1;
+  ssize_t ignored = write(wake_fd_, &one, sizeof one);
+  (void)ignored;
+}
+
 void Endpoint::WantSweep() {
-  if (sleeping_.load()) {
-    const uint64_t one = 1;
-    ssize_t ignored = write(wake_fd_, &one, sizeof one);
-    (void)ignored;
-  }
+  if (sleeping_.load()) WakeMonitor();
 }
 
 void Endpoint::Sweep() {
@@ -154,12 +156,8 @@ bool Endpoint::NoteCall(int64_t now_ns) {
     return false;
   }
   if (window_calls_.fetch_add(1, std::memory_order_relaxed) + 1 < kBusyCalls) return false;
-  if (!ticking_.exchange(true)) {
-    // However long the monitor meant to wait, it takes up the tick now.
-    const uint64_t one = 1;
-    ssize_t ignored = write(wake_fd_, &one, sizeof one);
-    (void)ignored;
-  }
+  // However long the monitor meant to wait, it takes up the tick now.
+  if (!ticking_.exchange(true)) WakeMonitor();
   return true;
 }
 

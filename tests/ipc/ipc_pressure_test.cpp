@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -219,9 +220,10 @@ size_t Workers() {
 // How often the library's monitors in this process have gone to sleep.
 uint64_t MonitorSleeps() {
   uint64_t n = 0;
+  static constexpr std::string_view kKey = "voluntary_ctxt_switches:";
   ForEachThread("tarn:monitor", [&n](std::istream& status) {
     for (std::string line; std::getline(status, line);) {
-      if (line.rfind("voluntary_ctxt_switches:", 0) == 0) n += std::stoull(line.substr(24));
+      if (line.rfind(kKey, 0) == 0) n += std::stoull(line.substr(kKey.size()));
     }
   });
   return n;
