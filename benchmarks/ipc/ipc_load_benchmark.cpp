@@ -109,7 +109,8 @@ bool Run(const bench::PeerServer& server, bool library, int clients, double seco
 
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
-  const bench::Options options = bench::ParseOptions(argc, argv);
+  // --clients N measures one count only (to profile it, say).
+  const bench::Options options = bench::ParseOptions(argc, argv, "--clients");
   // Both servers are forked before anything here starts a thread.
   bench::PeerServer library = bench::StartLibraryServer();
   bench::PeerServer raw = bench::StartRawServer();
@@ -119,13 +120,8 @@ int main(int argc, char** argv) {
   }
   const int repetitions = options.quick ? 1 : 7;
   const double seconds = options.quick ? 0.05 : 1.0;
-  // --clients N measures one count only (to profile it, say).
-  int only = 0;
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::strcmp(argv[i], "--clients") == 0) only = std::atoi(argv[i + 1]);
-  }
   for (int clients : {4, 16, 64}) {
-    if (only != 0 && clients != only) continue;
+    if (options.only != 0 && clients != options.only) continue;
     std::vector<double> raw_rate, library_rate, raw_p99, library_p99;
     bool ok = true;
     for (int r = 0; r < repetitions && ok; ++r) {

@@ -364,20 +364,18 @@ int main(int argc, char** argv) {
   // The service's time is taken here, apart from the daemon: on a heap that
   // keeps its memory between scans, as the daemon's does.
   KeepScanMemoryForTheNextScan();
-  const bench::Options options = bench::ParseOptions(argc, argv);
+  // --aps N measures one neighbourhood only (to profile it, say).
+  const bench::Options options = bench::ParseOptions(argc, argv, "--aps");
   ky_loc_fw::log_set_local_level_for_tag("vela", 0);
   // Pinned before anything starts: the daemon and the raw peer inherit the core.
   if (!bench::PinToOneCore()) std::printf("@note could not pin to one core\n");
   const std::vector<Plan> plans =
       options.quick ? std::vector<Plan>{{21, 1, 5}, {1000, 1, 3}, {10000, 1, 2}}
                     : std::vector<Plan>{{21, 7, 300}, {1000, 7, 30}, {10000, 7, 6}};
-  // --aps N measures one neighbourhood only (to profile it, say).
-  size_t only = 0;
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::strcmp(argv[i], "--aps") == 0) only = std::strtoul(argv[i + 1], nullptr, 10);
-  }
   for (const Plan& plan : plans) {
-    if (only == 0 || plan.aps == only) Measure(plan, options.quick);
+    if (options.only == 0 || plan.aps == static_cast<size_t>(options.only)) {
+      Measure(plan, options.quick);
+    }
   }
   return 0;
 }

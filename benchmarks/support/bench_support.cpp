@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -193,10 +194,29 @@ bool WaitQuiet(pid_t pid, double stretch_ns) {
   }
 }
 
-Options ParseOptions(int argc, char** argv) {
+Options ParseOptions(int argc, char** argv, const char* selector, bool benchmark_flags) {
+  const std::string usage = std::string("usage: ") + argv[0] + " [--quick]" +
+                            (selector != nullptr ? std::string(" [") + selector + " N]" : "") +
+                            (benchmark_flags ? " [--benchmark_...]" : "");
   Options options;
   for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--quick") == 0) options.quick = true;
+    const char* arg = argv[i];
+    if (std::strcmp(arg, "--quick") == 0) {
+      options.quick = true;
+    } else if (std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0) {
+      std::printf("%s\n", usage.c_str());
+      std::exit(0);
+    } else if (selector != nullptr && std::strcmp(arg, selector) == 0) {
+      char end = 0;
+      if (i + 1 == argc || std::sscanf(argv[++i], "%ld%c", &options.only, &end) != 1 ||
+          options.only <= 0) {
+        std::fprintf(stderr, "%s: %s needs a number above 0\n%s\n", argv[0], arg, usage.c_str());
+        std::exit(64);
+      }
+    } else if (!(benchmark_flags && std::strncmp(arg, "--benchmark_", 12) == 0)) {
+      std::fprintf(stderr, "%s: cannot use %s\n%s\n", argv[0], arg, usage.c_str());
+      std::exit(64);
+    }
   }
   return options;
 }

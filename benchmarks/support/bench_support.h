@@ -50,12 +50,18 @@ std::string SwitchesBetween(pid_t pid, const ThreadSwitchMap& before, const Thre
 // never happened.
 bool WaitQuiet(pid_t pid, double stretch_ns = 0);
 
-// Command line common to all programs: --quick runs each measurement just
-// long enough to show that it works.
+// The command line of a program: --quick runs each measurement just long
+// enough to show that it works; `selector` (say "--aps"), when the program
+// has one, takes a number and limits the run to that one case (to profile
+// it, say). --help prints the usage and exits 0; any other argument is
+// refused with exit 64, except Google Benchmark's own flags where the
+// program hands them on (`benchmark_flags`).
 struct Options {
   bool quick = false;
+  long only = 0;  // the selector's number, 0 when not given
 };
-Options ParseOptions(int argc, char** argv);
+Options ParseOptions(int argc, char** argv, const char* selector = nullptr,
+                     bool benchmark_flags = false);
 
 // Human figures: "12.3 us", "4.56 ms", "987 ns".
 std::string FormatNs(double ns);
