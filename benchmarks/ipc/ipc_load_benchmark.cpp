@@ -11,8 +11,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "benchmarks/ipc/small_call_peers.h"
