@@ -198,6 +198,10 @@ Options ParseOptions(int argc, char** argv, const char* selector, bool benchmark
   const std::string usage = std::string("usage: ") + argv[0] + " [--quick]" +
                             (selector != nullptr ? std::string(" [") + selector + " N]" : "") +
                             (benchmark_flags ? " [--benchmark_...]" : "");
+  const auto refuse = [&](const char* arg, const char* why) {
+    std::fprintf(stderr, "%s: %s %s\n%s\n", argv[0], arg, why, usage.c_str());
+    std::exit(64);
+  };
   Options options;
   for (int i = 1; i < argc; ++i) {
     const char* arg = argv[i];
@@ -210,12 +214,10 @@ Options ParseOptions(int argc, char** argv, const char* selector, bool benchmark
       char end = 0;
       if (i + 1 == argc || std::sscanf(argv[++i], "%ld%c", &options.only, &end) != 1 ||
           options.only <= 0) {
-        std::fprintf(stderr, "%s: %s needs a number above 0\n%s\n", argv[0], arg, usage.c_str());
-        std::exit(64);
+        refuse(arg, "needs a number above 0");
       }
     } else if (!(benchmark_flags && std::strncmp(arg, "--benchmark_", 12) == 0)) {
-      std::fprintf(stderr, "%s: cannot use %s\n%s\n", argv[0], arg, usage.c_str());
-      std::exit(64);
+      refuse(arg, "is not an option here");
     }
   }
   return options;

@@ -46,10 +46,11 @@ void Connection::ReadLoop(Waiter* self) {
       if (accepted == Accepted::kRefused) continue;
       if (self != nullptr) {
         // A waiting caller stays on the read side for its answer; the call
-        // goes to a worker.
-        std::shared_ptr<Connection> keep = shared_from_this();
-        std::shared_ptr<InvokeFrame> handed = std::move(frame);
-        endpoint_->Dispatch([keep, handed] { keep->ServeHandedOver(handed.get()); });
+        // goes to a worker, in a task that must be copyable: shared only here.
+        endpoint_->Dispatch(
+            [keep = shared_from_this(), handed = std::shared_ptr<InvokeFrame>(std::move(frame))] {
+              keep->ServeHandedOver(handed.get());
+            });
         continue;
       }
       HandleAnswersBehind();
