@@ -186,7 +186,8 @@ bool Compare(size_t beacons, int rounds) {
 int main(int argc, char** argv) {
   KeepScanMemoryForTheNextScan();  // the daemon's heap, as the daemon sets it
   ky_loc_fw::log_set_local_level_for_tag("vector", 0);
-  const bench::Options options = bench::ParseOptions(argc, argv, nullptr, true);
+  const bench::Options options =
+      bench::ParseOptions(argc, argv, /*selector=*/nullptr, /*benchmark_flags=*/true);
   bool ok = Compare(21, options.quick ? 3 : 20001);
   ok = Compare(1000, options.quick ? 3 : 1001) && ok;
   ok = Compare(10000, options.quick ? 3 : 201) && ok;

@@ -195,9 +195,11 @@ bool WaitQuiet(pid_t pid, double stretch_ns) {
 }
 
 Options ParseOptions(int argc, char** argv, const char* selector, bool benchmark_flags) {
-  const std::string usage = std::string("usage: ") + argv[0] + " [--quick]" +
-                            (selector != nullptr ? std::string(" [") + selector + " N]" : "") +
-                            (benchmark_flags ? " [--benchmark_...]" : "");
+  static constexpr char kBenchmarkFlagPrefix[] = "--benchmark_";
+  const std::string usage =
+      std::string("usage: ") + argv[0] + " [--quick]" +
+      (selector != nullptr ? std::string(" [") + selector + " N]" : "") +
+      (benchmark_flags ? std::string(" [") + kBenchmarkFlagPrefix + "...]" : "");
   const auto refuse = [&](const char* arg, const char* why) {
     std::fprintf(stderr, "%s: %s %s\n%s\n", argv[0], arg, why, usage.c_str());
     std::exit(64);
@@ -216,7 +218,8 @@ Options ParseOptions(int argc, char** argv, const char* selector, bool benchmark
           options.only <= 0) {
         refuse(arg, "needs a number above 0");
       }
-    } else if (!(benchmark_flags && std::strncmp(arg, "--benchmark_", 12) == 0)) {
+    } else if (!(benchmark_flags &&
+                 std::strncmp(arg, kBenchmarkFlagPrefix, sizeof kBenchmarkFlagPrefix - 1) == 0)) {
       refuse(arg, "is not an option here");
     }
   }
