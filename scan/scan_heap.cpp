@@ -22,5 +22,9 @@ void KeepScanMemoryForTheNextScan() {
   // Fixed values also end glibc's own adjustment of both thresholds.
   mallopt(M_MMAP_THRESHOLD, kMapThreshold);   // NOLINT(concurrency-mt-unsafe): no thread yet
   mallopt(M_TRIM_THRESHOLD, kTrimThreshold);  // NOLINT(concurrency-mt-unsafe)
+  // Fast bins stay on. Without them (M_MXFAST 0) a freed response coalesces
+  // as it is freed, after its delivery, instead of in the next scan's first
+  // large allocation: scans of about a thousand access points measured a
+  // quarter faster, but the common small scan a few percent slower.
 #endif
 }
