@@ -196,12 +196,14 @@ bool WaitQuiet(pid_t pid, double stretch_ns) {
 
 Options ParseOptions(int argc, char** argv, const char* selector, bool benchmark_flags) {
   static constexpr char kBenchmarkFlagPrefix[] = "--benchmark_";
-  const std::string usage =
-      std::string("usage: ") + argv[0] + " [--quick]" +
-      (selector != nullptr ? std::string(" [") + selector + " N]" : "") +
-      (benchmark_flags ? std::string(" [") + kBenchmarkFlagPrefix + "...]" : "");
+  // Built only when printed: a run with good arguments never needs it.
+  const auto usage = [&] {
+    return std::string("usage: ") + argv[0] + " [--quick]" +
+           (selector != nullptr ? std::string(" [") + selector + " N]" : "") +
+           (benchmark_flags ? std::string(" [") + kBenchmarkFlagPrefix + "...]" : "");
+  };
   const auto refuse = [&](const char* arg, const char* why) {
-    std::fprintf(stderr, "%s: %s %s\n%s\n", argv[0], arg, why, usage.c_str());
+    std::fprintf(stderr, "%s: %s %s\n%s\n", argv[0], arg, why, usage().c_str());
     std::exit(64);
   };
   Options options;
@@ -210,7 +212,7 @@ Options ParseOptions(int argc, char** argv, const char* selector, bool benchmark
     if (std::strcmp(arg, "--quick") == 0) {
       options.quick = true;
     } else if (std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0) {
-      std::printf("%s\n", usage.c_str());
+      std::printf("%s\n", usage().c_str());
       std::exit(0);
     } else if (selector != nullptr && std::strcmp(arg, selector) == 0) {
       char end = 0;
