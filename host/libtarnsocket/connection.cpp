@@ -14,6 +14,28 @@
 #include "thread_context.h"
 
 namespace tarnsocket {
+namespace {
+
+thread_local std::vector<Object>* t_releasing = nullptr;
+
+// An owner's release may free what holds further objects of ours, and so on
+// down a chain as long as a peer cared to build: on a thread that is already
+// releasing, they join its list instead of nesting, so any chain takes the
+// stack of one link.
+void ReleaseInTurn(std::vector<Object> objects) {
+  if (t_releasing != nullptr) {
+    t_releasing->insert(t_releasing->end(), objects.begin(), objects.end());
+    return;
+  }
+  t_releasing = &objects;
+  for (size_t i = 0; i < objects.size(); ++i) {
+    const Object object = objects[i];  // the list may grow meanwhile
+    ObjectRelease(object);
+  }
+  t_releasing = nullptr;
+}
+
+}  // namespace
 
 Connection::Connection(int fd, Side side, Endpoint* endpoint, uint64_t id)
     : fd_(fd),
@@ -83,12 +105,11 @@ void Connection::Close(const char* why) {
 void Connection::ReleaseOwned(std::vector<Object> objects) {
   if (objects.empty()) return;
   if (InLibraryContext()) {
-    for (const Object& object : objects) ObjectRelease(object);
+    ReleaseInTurn(std::move(objects));
     return;
   }
-  endpoint_->Dispatch([objects = std::move(objects)] {
-    for (const Object& object : objects) ObjectRelease(object);
-  });
+  endpoint_->Dispatch(
+      [objects = std::move(objects)]() mutable { ReleaseInTurn(std::move(objects)); });
 }
 
 void Connection::ExportRoot(const Object& root) {

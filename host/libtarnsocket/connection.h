@@ -24,6 +24,7 @@
 #include "frame.h"
 #include "frame_reader.h"
 #include "invoke_frame.h"
+#include "passed_back.h"
 #include "peer_limits.h"
 #include "proxy.h"
 #include "socket_io.h"
@@ -61,6 +62,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   int32_t Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t counts);
   void RetainProxy(Proxy* proxy);
   void ReleaseProxy(Proxy* proxy);
+  // The last reference to a passed-back object went: unpins its export.
+  void ReleasePassedBack(PassedBack* passed);
 
   // The monitor saw the socket readable: reads what came without waiting.
   // True if a frame is whole and the caller must now start a worker on
@@ -93,8 +96,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
     bool done = false;
     int32_t result = 0;
     Object outs[kMaxSlots] = {};
-    bool pinned[kMaxSlots] = {};
-    uint32_t pinned_handles[kMaxSlots] = {};
     Clock::time_point deadline;
     WakeWord wake;  // bumped under mutex_ when done, the read side or the connection changes
   };
@@ -109,6 +110,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool Marshal(const Object& object, ObjectRef* ref);
   void Unmarshal(const ObjectRef& ref);
   void Unpin(uint32_t handle);
+  // Our own object named by a frame from the peer, pinned; the caller
+  // holds the mutex and has checked the handle.
+  Object PassBackLocked(uint32_t handle);
   // Drops references the library held for the peer, on a worker if this
   // thread is inside application code.
   void ReleaseOwned(std::vector<Object> objects);

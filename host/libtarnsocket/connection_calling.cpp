@@ -167,14 +167,7 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
     return GiveUpWaiting(&lock, &waiter, cut, due);
   }
   lock.unlock();
-  for (unsigned i = 0; i < out_objs; ++i) {
-    if (waiter.pinned[i]) {
-      // Our own object came back: the caller gets a reference of its own.
-      ObjectRetain(waiter.outs[i]);
-      Unpin(waiter.pinned_handles[i]);
-    }
-    args[in_bufs + in_objs + i].o = waiter.outs[i];
-  }
+  for (unsigned i = 0; i < out_objs; ++i) args[in_bufs + in_objs + i].o = waiter.outs[i];
   return waiter.result;
 }
 
@@ -202,16 +195,10 @@ bool Connection::HandleReply(const FrameHeader& header, const ObjectRef* refs, W
     } else if (bad == nullptr) {
       Waiter* waiter = *it;
       for (unsigned i = 0; i < header.counts; ++i) {
-        waiter->pinned[i] = false;
         if (refs[i].kind == kRefNull) {
           waiter->outs[i] = kNullObject;
         } else if (refs[i].kind == kRefReceiverExport) {
-          // Retained by the waiter itself, outside this lock.
-          ExportTable::Entry* entry = exports_.Get(refs[i].handle);
-          ++entry->pinned;
-          waiter->pinned[i] = true;
-          waiter->pinned_handles[i] = refs[i].handle;
-          waiter->outs[i] = entry->object;
+          waiter->outs[i] = PassBackLocked(refs[i].handle);
         } else {
           Proxy*& proxy = imports_[refs[i].handle];
           // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the import table owns it

@@ -33,8 +33,9 @@ void Connection::ReleaseProxy(Proxy* proxy) {
   delete proxy;  // NOLINT(cppcoreguidelines-owning-memory): the import table owned it
 }
 
-bool Connection::Marshal(const Object& object, ObjectRef* ref) {
+bool Connection::Marshal(const Object& given, ObjectRef* ref) {
   *ref = ObjectRef{kRefNull, 0};
+  const Object object = Unwrapped(given);
   if (IsNullObject(object)) return true;
   Proxy* proxy = AsProxy(object);
   if (proxy != nullptr && proxy->connection.get() == this) {
@@ -44,6 +45,12 @@ bool Connection::Marshal(const Object& object, ObjectRef* ref) {
   uint32_t handle;
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) {
+      // The send will fail; a receipt counted now would never be given back
+      // and would keep the entry, and our object, forever.
+      *ref = ObjectRef{kRefSenderExport, 0};
+      return true;
+    }
     if (exports_.Find(object, &handle)) {
       ++exports_.Get(handle)->sent;
       *ref = ObjectRef{kRefSenderExport, handle};
@@ -107,6 +114,18 @@ void Connection::Unpin(uint32_t handle) {
   if (release) ReleaseOwned({object});
 }
 
+Object Connection::PassBackLocked(uint32_t handle) {
+  ExportTable::Entry* entry = exports_.Get(handle);
+  ++entry->pinned;
+  // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by its references
+  return PassedBackObject(new PassedBack{shared_from_this(), handle, entry->object, {1}});
+}
+
+void Connection::ReleasePassedBack(PassedBack* passed) {
+  Unpin(passed->handle);
+  delete passed;  // NOLINT(cppcoreguidelines-owning-memory): its last reference went
+}
+
 bool Connection::ResolveInvoke(InvokeFrame* frame) {
   const char* bad = nullptr;
   bool target_pinned = false;
@@ -122,7 +141,6 @@ bool Connection::ResolveInvoke(InvokeFrame* frame) {
       frame->target_handle = frame->header.handle;
       for (unsigned i = 0; i < frame->meta.in_objs && bad == nullptr; ++i) {
         const ObjectRef& ref = frame->meta.objects[i];
-        frame->pinned[i] = false;
         if (ref.kind == kRefNull) {
           frame->in_objects[i] = kNullObject;
         } else if (ref.kind == kRefReceiverExport) {
@@ -131,9 +149,7 @@ bool Connection::ResolveInvoke(InvokeFrame* frame) {
             bad = "unknown handle passed back";
             break;
           }
-          ++entry->pinned;
-          frame->pinned[i] = true;
-          frame->in_objects[i] = entry->object;
+          frame->in_objects[i] = PassBackLocked(ref.handle);
         } else {
           Proxy*& proxy = imports_[ref.handle];
           // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the import table owns it
@@ -154,13 +170,7 @@ bool Connection::ResolveInvoke(InvokeFrame* frame) {
 }
 
 void Connection::DropInputs(InvokeFrame* frame) {
-  for (unsigned i = 0; i < frame->resolved; ++i) {
-    if (frame->pinned[i]) {
-      Unpin(frame->meta.objects[i].handle);
-    } else if (!IsNullObject(frame->in_objects[i])) {
-      ReleaseProxy(static_cast<Proxy*>(frame->in_objects[i].context));
-    }
-  }
+  for (unsigned i = 0; i < frame->resolved; ++i) ObjectRelease(frame->in_objects[i]);
   frame->resolved = 0;
 }
 

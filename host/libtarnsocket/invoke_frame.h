@@ -20,10 +20,9 @@ struct InvokeFrame {
   Arena arena;
   Object target = {nullptr, nullptr};
   uint32_t target_handle = 0;
+  // A reference each, dropped after the call: proxies, or our own objects
+  // passed back.
   Object in_objects[kMaxSlots] = {};
-  // For each input object: the export handle pinned for the call (the peer
-  // passed our own object back), or a proxy reference to drop afterwards.
-  bool pinned[kMaxSlots] = {};
   unsigned resolved = 0;  // input objects resolved so far
 };
 

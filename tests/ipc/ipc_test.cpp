@@ -347,5 +347,30 @@ TEST(IpcLimitTest, ExportsPerConnectionAreBounded) {
   for (Counted& counted : served.many) EXPECT_EQ(counted.Settle(), 0);
 }
 
+// Our own object, handed back by the peer and kept by the service, still
+// counts against the peer after the peer lets its own reference go, until
+// the service lets it go too; meanwhile calls on it reach the object.
+TEST(IpcLimitTest, OwnObjectsKeptForThePeerCountAgainstIt) {
+  ScopedEnv limit{"TARN_MAX_EXPORTS", "3"};
+  Served served;
+  const Object greedy = served.Connect();
+  Object kept, held, refused;
+  ASSERT_EQ(Nth(greedy, 0, &kept), 0);
+  ASSERT_EQ(Store(greedy, kept), OBJECT_OK);
+  ObjectRelease(kept);
+  ASSERT_EQ(Nth(greedy, 1, &held), 0);  // the root, the kept one and this one
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Nth(greedy, 2, &refused), TARN_IPC_ERROR_TOO_MANY_OBJECTS);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(Echo(greedy, 5, held), 7);  // the service calls it as its own
+  EXPECT_EQ(served.many[1].calls, 1);
+  EXPECT_EQ(served.many[0].Held(), 1);  // the library's, for the one kept
+  ASSERT_EQ(Store(greedy, kNullObject), OBJECT_OK);
+  EXPECT_EQ(served.many[0].Settle(), 0);
+  EXPECT_EQ(Nth(greedy, 2, &refused), 0);
+  for (Object object : {held, refused, greedy}) ObjectRelease(object);
+  for (Counted& counted : served.many) EXPECT_EQ(counted.Settle(), 0);
+}
+
 }  // namespace
 }  // namespace tarnsocket::ipc_test
