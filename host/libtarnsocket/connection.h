@@ -201,6 +201,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // worker; the caller does not wait.
   int32_t Defer(uint32_t handle, uint32_t op, uint32_t counts, const uint64_t* sizes,
                 const ObjectRef* refs, const ObjectArg* args, uint8_t depth, uint64_t body);
+  // A release frame that must go after the deferred calls: queued behind
+  // them, or false when too many wait already.
+  bool DeferReleaseLocked(const uint8_t* head, size_t size);
   // Sends deferred calls one at a time, each after the previous answer.
   void FlushDeferred();
 

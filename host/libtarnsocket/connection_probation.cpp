@@ -22,6 +22,9 @@ constexpr size_t kMaxAbandoned = 256;
 // What may wait for a client on probation before its connection ends.
 constexpr size_t kMaxDeferredCalls = 64;
 constexpr uint64_t kMaxDeferredBytes = uint64_t{4} << 20;
+// Releases queued behind those calls: a peer makes one with every call that
+// passes its own objects, as many as it likes while our calls wait.
+constexpr size_t kMaxDeferredReleases = 4096;
 
 }  // namespace
 
@@ -110,6 +113,13 @@ int32_t Connection::Defer(uint32_t handle, uint32_t op, uint32_t counts, const u
     endpoint_->Dispatch([self] { self->FlushDeferred(); });
   }
   return TARN_IPC_ERROR_TIMEOUT;
+}
+
+bool Connection::DeferReleaseLocked(const uint8_t* head, size_t size) {
+  if (deferred_.size() >= kMaxDeferredCalls + kMaxDeferredReleases) return false;
+  deferred_.push_back(Deferred{std::vector<uint8_t>(head, head + size), 0});
+  deferred_bytes_ += size;
+  return true;
 }
 
 void Connection::FlushDeferred() {

@@ -93,15 +93,19 @@ int Connection::WriteLocked(std::unique_lock<std::timed_mutex>* lock, iovec* iov
 void Connection::SendRelease(uint32_t handle, uint32_t count) {
   uint8_t head[sizeof(FrameHeader)];
   const size_t size = EncodeRelease(head, handle, count);
+  size_t waiting = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     // Calls still to go out may be calls of this very object: the release
     // goes after them.
     if (flushing_ || !deferred_.empty()) {
-      deferred_.push_back(Deferred{std::vector<uint8_t>(head, head + size), 0});
-      deferred_bytes_ += size;
-      return;
+      if (DeferReleaseLocked(head, size)) return;
+      waiting = deferred_.size();
     }
+  }
+  if (waiting != 0) {
+    CloseWithLog("%zu frames wait behind calls that get no answer", waiting);
+    return;
   }
   {
     std::lock_guard<std::mutex> lock(releases_mutex_);

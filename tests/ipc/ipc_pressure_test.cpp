@@ -308,5 +308,44 @@ TEST(IpcPressureTest, OutOfDescriptorsPausesOnlyAccepting) {
   ObjectRelease(bystander);
 }
 
+// A client on probation that keeps passing its own object in calls makes a
+// release with each, queued behind the calls it leaves unanswered: they
+// pile up no further than those calls do before its connection ends. Last
+// in this file: it leaves this process known as slow.
+TEST(IpcPressureTest, ReleasesQueuedForAClientOnProbationAreBounded) {
+  constexpr int kCalls = 10000;
+  ScopedEnv timeout{"TARN_CALLBACK_TIMEOUT_MS", "200"};
+  Served served;
+  std::atomic<bool> done{false};
+  Counted silent, passed;
+  silent.on_call = [&](uint32_t, ObjectArg*, uint32_t) {
+    while (!done) Pause();
+    return 0;
+  };
+  const Object root = served.Connect();
+  ASSERT_EQ(Store(root, silent.AsObject()), 0);
+  const Object callback = served.Stored();
+  ObjectRetain(callback);
+  testing::internal::CaptureStderr();
+  ObjectArg none[1] = {Buf(nullptr, 0)};
+  EXPECT_EQ(Call(callback, 0, none, 1), TARN_IPC_ERROR_TIMEOUT);  // waited for in vain
+  EXPECT_EQ(Call(callback, 0, none, 1), TARN_IPC_ERROR_TIMEOUT);  // queued behind it
+  int32_t result = 0;
+  int calls = 0;
+  for (uint32_t value = 0; calls < kCalls && result >= 0; ++calls, ++value) {
+    ObjectArg args[2] = {Buf(&value, sizeof value), Obj(passed.AsObject())};
+    result = Call(root, kOpChecksum, args, OBJECT_COUNTS(1, 0, 1, 0));
+  }
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(result, TARN_IPC_ERROR_DEAD);
+  EXPECT_LT(calls, kCalls);
+  EXPECT_EQ(Count(log, "frames wait behind calls that get no answer"), 1u) << log;
+  done = true;
+  ObjectRelease(callback);
+  ObjectRelease(root);
+  EXPECT_EQ(silent.Settle(), 0);
+  EXPECT_EQ(passed.Settle(), 0);
+}
+
 }  // namespace
 }  // namespace tarnsocket::ipc_test
