@@ -94,6 +94,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     uint32_t call_id = 0;
     unsigned out_objs = 0;
     bool done = false;
+    // Until its frame is written the caller cannot read: the peer may be
+    // writing to us just as we write to it, and must be read meanwhile.
+    bool writing = true;
     int32_t result = 0;
     Object outs[kMaxSlots] = {};
     Clock::time_point deadline;
@@ -156,6 +159,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Takes the read side if nobody holds it and someone must read; true if taken.
   bool TakeFreeReadSide();
   bool TakeFreeReadSideLocked();
+  // Callers waiting for an answer that can read it themselves.
   bool PendingWaitersLocked() const;
   // Wakes every waiting caller, to look at the read side or its answer.
   void WakeWaitersLocked();

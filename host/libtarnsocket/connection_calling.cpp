@@ -125,6 +125,7 @@ int32_t Connection::Call(uint32_t handle, uint32_t op, ObjectArg* args, uint32_t
   waiter.deadline = std::min(due, give_up);
 
   std::unique_lock<std::mutex> lock(mutex_);
+  waiter.writing = false;
   if (sent == 0) {
     if (reading) {
       lock.unlock();

@@ -54,7 +54,8 @@ void Connection::WakeWaitersLocked() {
 }
 
 bool Connection::PendingWaitersLocked() const {
-  return std::any_of(waiters_.begin(), waiters_.end(), [](Waiter* w) { return !w->done; });
+  return std::any_of(waiters_.begin(), waiters_.end(),
+                     [](Waiter* w) { return !w->done && !w->writing; });
 }
 
 void Connection::GiveUpReadSideLocked(bool unwatched) {

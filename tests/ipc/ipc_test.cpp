@@ -129,6 +129,43 @@ TEST(IpcObjectsTest, ConcurrentCallsBothWaysAndNestedCallbacks) {
   EXPECT_EQ(echoed.Settle() + deep.Settle(), 0);
 }
 
+// A client's call and a service's call into the client, each larger than
+// the socket holds, written at the same moment: each side reads the other's
+// while it writes its own, and neither waits for the other to give up.
+TEST(IpcObjectsTest, LargeCallsCrossingEachOther) {
+  ScopedEnv patient[] = {{"TARN_CALLBACK_TIMEOUT_MS", "10000"}, {"TARN_WAIT_BUDGET_MS", "999"}};
+  Served served;
+  const Object client = served.Connect();
+  Counted callback;
+  callback.on_call = [](uint32_t, ObjectArg*, uint32_t) { return 0; };
+  ASSERT_EQ(Store(client, callback.AsObject()), 0);
+  const Object into_client = served.Stored();
+  const Bytes big = Pattern(2u << 20, 2);
+  ObjectArg args[1] = {Buf(big.data(), big.size())};
+  const int32_t checksum = Checksum(args, 1);
+  for (int round = 0; round < 5; ++round) {
+    // Past the workers' linger: only the monitors watch the sockets.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::atomic<int> ready{0};
+    const auto together = [&ready] {
+      ++ready;
+      while (ready < 2) std::this_thread::yield();
+    };
+    std::thread service([&] {
+      ObjectArg out[1] = {args[0]};
+      together();
+      EXPECT_EQ(Call(into_client, 0, out, 1), 0);
+    });
+    together();
+    EXPECT_EQ(Call(client, kOpChecksum, args, 1), checksum);
+    service.join();
+  }
+  EXPECT_EQ(callback.calls, 5);
+  EXPECT_EQ(Store(client, kNullObject), 0);
+  ObjectRelease(client);
+  EXPECT_EQ(callback.Settle(), 0);
+}
+
 // A release the service makes while busy waits for a frame to ride on; with
 // none coming it still goes, at the monitor's next tick.
 TEST(IpcObjectsTest, ReleaseWithNothingToRideOnStillGoes) {
