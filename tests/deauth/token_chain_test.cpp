@@ -51,6 +51,7 @@ struct Chain {
     EXPECT_EQ(teskclient::Connect(daemon.socket_path(), &root), 0);
     EXPECT_EQ(teskclient::OpenService(root, kInterfaceDeauthMonitor, &service), OBJECT_OK);
   }
+  ~Chain() { Close(); }  // the library's workers may still hold `first`
   // Up to `links` registrations, each on the last token, which is then let
   // go; the result of the first that fails, or 0.
   int32_t Grow(int links) {
@@ -72,11 +73,13 @@ struct Chain {
     }
     return first.retains == 1 && first.releases == 1;
   }
-  void Close() {
+  // Ends the connection; true once the first callback has been given back.
+  bool Close() {
     for (Object* object : {&last, &service, &root}) {
       ObjectRelease(*object);
       *object = kNullObject;
     }
+    return AwaitFirstReleased();
   }
 
   Callback first;
@@ -94,8 +97,8 @@ TEST(DeauthTokenChainTest, TheChainCountsAgainstTheClientsExportLimit) {
   EXPECT_TRUE(chain.AwaitFirstReleased());
   Chain again(*daemon);
   EXPECT_EQ(again.Grow(10), OBJECT_OK);
-  chain.Close();
-  again.Close();
+  EXPECT_TRUE(chain.Close());
+  EXPECT_TRUE(again.Close());
   EXPECT_TRUE(daemon->Running());
 }
 
@@ -107,11 +110,11 @@ TEST(DeauthTokenChainTest, LongChainsUnravelOnASmallStack) {
   ObjectRelease(released.last);
   released.last = kNullObject;
   EXPECT_TRUE(released.AwaitFirstReleased());
-  dropped.Close();  // the connection ends with the chain in place
+  EXPECT_TRUE(dropped.Close());  // the connection ends with the chain in place
   Chain after(*daemon);
   EXPECT_EQ(after.Grow(1), OBJECT_OK);
-  released.Close();
-  after.Close();
+  EXPECT_TRUE(released.Close());
+  EXPECT_TRUE(after.Close());
   EXPECT_TRUE(daemon->Running());
   EXPECT_EQ(daemon->Log().find("Sanitizer"), std::string::npos) << daemon->Log();
 }
