@@ -63,7 +63,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void RetainProxy(Proxy* proxy);
   void ReleaseProxy(Proxy* proxy);
   // The last reference to a passed-back object went: unpins its export.
-  void ReleasePassedBack(PassedBack* passed);
+  void ReleasePassedBack(const PassedBack& passed);
 
   // The monitor saw the socket readable: reads what came without waiting.
   // True if a frame is whole and the caller must now start a worker on

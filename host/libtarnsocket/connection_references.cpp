@@ -1,7 +1,10 @@
 // The reference tables of a connection: proxies of the peer's objects
 // (counted here, released to the peer once), exports of ours (marshalled into
 // frames, resolved from frames, pinned while a served call uses them).
+#include <memory>
 #include <utility>
+
+#include <tesk/counted_object.h>
 
 #include "connection.h"
 #include "log.h"
@@ -117,13 +120,12 @@ void Connection::Unpin(uint32_t handle) {
 Object Connection::PassBackLocked(uint32_t handle) {
   ExportTable::Entry* entry = exports_.Get(handle);
   ++entry->pinned;
-  // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by its references
-  return PassedBackObject(new PassedBack{shared_from_this(), handle, entry->object, {1}});
+  return HandOutCounted(PassedBackInvoke, std::unique_ptr<PassedBack>(new PassedBack{
+                                              shared_from_this(), handle, entry->object, {1}}));
 }
 
-void Connection::ReleasePassedBack(PassedBack* passed) {
-  Unpin(passed->handle);
-  delete passed;  // NOLINT(cppcoreguidelines-owning-memory): its last reference went
+void Connection::ReleasePassedBack(const PassedBack& passed) {
+  Unpin(passed.handle);
 }
 
 bool Connection::ResolveInvoke(InvokeFrame* frame) {

@@ -1,7 +1,7 @@
-// One of this process's own objects as a peer passed it back. Calls go
-// straight to the object; retain and release are counted here, and while
-// anything in this process holds it, its export to that peer stays pinned.
-// So whatever this process keeps because a peer handed it over counts
+// One of this process's own objects as a peer passed it back: a counted
+// object (tesk/counted_object.h) whose calls go straight to the object.
+// While anything in this process holds it, its export to that peer stays
+// pinned. So whatever this process keeps because a peer handed it over counts
 // against that peer's exports, as if the peer still held it: a peer cannot
 // pile up our objects past its limit by handing each back to be kept (a
 // token registered as the callback of the next registration) and dropping
@@ -22,16 +22,12 @@ class Connection;
 
 struct PassedBack {
   std::shared_ptr<Connection> connection;
-  uint32_t handle;  // pinned in the connection's exports while this lives
-  Object object;    // held by that export entry
-  std::atomic<uint32_t> refs;
+  uint32_t handle;             // pinned in the connection's exports while this lives
+  Object object;               // held by that export entry
+  std::atomic<uint32_t> refs;  // 1 when handed out
 };
 
 int32_t PassedBackInvoke(void* context, uint32_t op, ObjectArg* args, uint32_t counts);
-
-inline Object PassedBackObject(PassedBack* passed) {
-  return Object{PassedBackInvoke, passed};
-}
 
 // The object itself when object is a passed-back one, else object.
 inline Object Unwrapped(const Object& object) {
